@@ -1,0 +1,69 @@
+#include "playlist/QNRangedURL.h"
+
+#include <utility>
+
+namespace {
+
+QNRangedURL::BaseURL shared(const std::optional<std::string>& baseURL) {
+  return baseURL ? std::make_shared<const std::string>(*baseURL) : nullptr;
+}
+
+}  // namespace
+
+std::shared_ptr<QNRangedURL> QNRangedURL::rangedURLWithOffset(uint64_t offset, uint64_t length,
+                                                              std::string referenceURL,
+                                                              BaseURL baseURL) {
+  return std::make_shared<QNRangedURL>(offset, length, std::move(referenceURL), std::move(baseURL));
+}
+
+std::shared_ptr<QNRangedURL> QNRangedURL::rangedURLWithOffset(
+    uint64_t offset, uint64_t length, std::string referenceURL,
+    const std::optional<std::string>& baseURL) {
+  return rangedURLWithOffset(offset, length, std::move(referenceURL), shared(baseURL));
+}
+
+std::shared_ptr<QNRangedURL> QNRangedURL::rangedURLWithReferenceURL(std::string referenceURL,
+                                                                    BaseURL baseURL) {
+  return rangedURLWithOffset(0, 0, std::move(referenceURL), std::move(baseURL));
+}
+
+std::shared_ptr<QNRangedURL> QNRangedURL::rangedURLWithReferenceURL(
+    std::string referenceURL, const std::optional<std::string>& baseURL) {
+  return rangedURLWithOffset(0, 0, std::move(referenceURL), shared(baseURL));
+}
+
+std::optional<std::string> QNRangedURL::baseURL() const {
+  if (!baseURL_) return std::nullopt;
+  return *baseURL_;
+}
+
+void QNRangedURL::setBaseURL(const std::optional<std::string>& baseURL) {
+  baseURL_ = shared(baseURL);
+}
+
+std::optional<std::string> QNRangedURL::rangeHeader() const {
+  if (!hasRange()) return std::nullopt;
+  std::string value = "bytes=" + std::to_string(offset_) + "-";
+  if (length_ != 0) value += std::to_string(length_);
+  return value;
+}
+
+platform::URLPtr QNRangedURL::resolveURL() const {
+  if (!baseURL_) return platform::URL::URLWithString(referenceURL_);
+  // A base that is no URL leaves nothing to resolve against; an absolute reference stands without
+  // it.
+  return platform::URL::URLWithString(referenceURL_, platform::URL::URLWithString(*baseURL_));
+}
+
+std::shared_ptr<platform::URLRequest> QNRangedURL::prepareRequest() const {
+  auto request = platform::URLRequest::requestWithURL(resolveURL());
+  if (const auto range = rangeHeader()) request->setValueForHTTPHeaderField(*range, "Range");
+  return request;
+}
+
+std::shared_ptr<platform::URLRequest> QNRangedURL::prepareHeadRequest() const {
+  auto request = platform::URLRequest::requestWithURL(resolveURL());
+  request->setHTTPMethod("HEAD");
+  request->setValueForHTTPHeaderField("identity", "Accept-Encoding");
+  return request;
+}
