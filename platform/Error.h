@@ -11,22 +11,27 @@
 
 namespace platform {
 
-// A dictionary of anything: the user info of errors and exceptions. The value types of our own keys are documented
-// where the keys are defined.
+// A dictionary of anything: the user info of errors and exceptions. The value types of our own keys
+// are documented where the keys are defined.
 using Dictionary = std::map<std::string, std::any>;
 
 // Error domains and user-info keys; the texts are part of the interface.
-QN_EXPORT extern const char* const NSURLErrorDomain;                        // "NSURLErrorDomain"
-QN_EXPORT extern const char* const NSPOSIXErrorDomain;                      // "NSPOSIXErrorDomain", code = errno
-QN_EXPORT extern const char* const NSLocalizedDescriptionKey;               // "NSLocalizedDescription", string
-QN_EXPORT extern const char* const NSLocalizedFailureReasonErrorKey;        // "NSLocalizedFailureReason", string
-QN_EXPORT extern const char* const NSLocalizedRecoverySuggestionErrorKey;   // "NSLocalizedRecoverySuggestion", string
-QN_EXPORT extern const char* const NSFilePathErrorKey;                      // "NSFilePath", string
-QN_EXPORT extern const char* const NSURLErrorFailingURLStringErrorKey;      // "NSErrorFailingURLStringKey", string
-// Resume data of a failed or cancelled transfer: a std::shared_ptr<const Data>. Opaque; good for one new task.
-QN_EXPORT extern const char* const NSURLSessionDownloadTaskResumeData;      // "NSURLSessionDownloadTaskResumeData"
+QN_EXPORT extern const char* const NSURLErrorDomain;           // "NSURLErrorDomain"
+QN_EXPORT extern const char* const NSPOSIXErrorDomain;         // "NSPOSIXErrorDomain", code = errno
+QN_EXPORT extern const char* const NSLocalizedDescriptionKey;  // "NSLocalizedDescription", string
+QN_EXPORT extern const char* const
+    NSLocalizedFailureReasonErrorKey;  // "NSLocalizedFailureReason", string
+QN_EXPORT extern const char* const
+    NSLocalizedRecoverySuggestionErrorKey;              // "NSLocalizedRecoverySuggestion", string
+QN_EXPORT extern const char* const NSFilePathErrorKey;  // "NSFilePath", string
+QN_EXPORT extern const char* const
+    NSURLErrorFailingURLStringErrorKey;  // "NSErrorFailingURLStringKey", string
+// Resume data of a failed or cancelled transfer: a std::shared_ptr<const Data>. Opaque; good for
+// one new task.
+QN_EXPORT extern const char* const
+    NSURLSessionDownloadTaskResumeData;  // "NSURLSessionDownloadTaskResumeData"
 // The HTTP status (int64_t) that ended a transfer although partial data can be continued from.
-QN_EXPORT extern const char* const QNURLErrorHTTPStatusKey;                 // "QNURLErrorHTTPStatus"
+QN_EXPORT extern const char* const QNURLErrorHTTPStatusKey;  // "QNURLErrorHTTPStatus"
 
 // Codes of NSURLErrorDomain.
 enum URLErrorCode : int64_t {
@@ -51,12 +56,15 @@ enum URLErrorCode : int64_t {
   URLErrorServerCertificateUntrusted = -1202,
 };
 
-// "The world failed": a domain, a code within it and what else is known. Immutable, so it may be read from any thread.
+// "The world failed": a domain, a code within it and what else is known. Immutable, so it may be
+// read from any thread.
 class QN_EXPORT Error {
  public:
-  static std::shared_ptr<const Error> errorWithDomain(std::string domain, int64_t code, Dictionary userInfo = {});
+  static std::shared_ptr<const Error> errorWithDomain(std::string domain, int64_t code,
+                                                      Dictionary userInfo = {});
   // `errnum` is an errno; the description reads "<what> <path>: <system text>".
-  static std::shared_ptr<const Error> errorWithErrno(int errnum, const std::string& what, const std::string& path);
+  static std::shared_ptr<const Error> errorWithErrno(int errnum, const std::string& what,
+                                                     const std::string& path);
 
   Error(std::string domain, int64_t code, Dictionary userInfo);
 

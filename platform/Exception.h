@@ -8,10 +8,12 @@
 
 namespace platform {
 
-QN_EXPORT extern const char* const NSInternalInconsistencyException;  // "NSInternalInconsistencyException"
+QN_EXPORT extern const char* const
+    NSInternalInconsistencyException;  // "NSInternalInconsistencyException"
 
-// "You misused me", "this manifest is not usable", or, under the name NSInternalInconsistencyException, a broken
-// promise of this program itself. `what()` is the reason.
+// "You misused me", "this manifest is not usable", or, under the name
+// NSInternalInconsistencyException, a broken promise of this program itself. `what()` is the
+// reason.
 class QN_EXPORT Exception : public std::exception {
  public:
   Exception(std::string name, std::string reason, Dictionary userInfo = {});
@@ -30,8 +32,8 @@ class QN_EXPORT Exception : public std::exception {
   Dictionary userInfo_;
 };
 
-// Throws an Exception named NSInternalInconsistencyException with the fixed text as reason unless `condition` holds.
-// For this program's own promises only, never for input; checked in every build.
+// Throws an Exception named NSInternalInconsistencyException with the fixed text as reason unless
+// `condition` holds. For this program's own promises only, never for input; checked in every build.
 QN_EXPORT void assertThat(bool condition, const char* text);
 
 }  // namespace platform

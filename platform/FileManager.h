@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -13,9 +14,10 @@
 
 namespace platform {
 
-// The file system. Paths are bytes, joined with "/"; nothing is resolved or normalised. Calls that can fail return a
-// null error on success, else one of NSPOSIXErrorDomain with the path. Thread-safe; tests replace the default manager
-// by a forwarding wrapper that overrides single calls.
+// The file system. Paths are bytes, joined with "/"; nothing is resolved or normalised. Calls that
+// can fail return a null error on success, else one of NSPOSIXErrorDomain with the path.
+// Thread-safe; tests replace the default manager by a forwarding wrapper that overrides single
+// calls.
 class QN_EXPORT FileManager {
  public:
   struct Entry {
@@ -30,27 +32,44 @@ class QN_EXPORT FileManager {
 
   virtual ~FileManager();
 
-  virtual bool fileExistsAtPath(const std::string& path);         // of any kind, links followed
-  virtual bool isRegularFile(const std::string& path);            // links followed
-  virtual bool isDirectory(const std::string& path);
-  virtual std::optional<int64_t> sizeOfFile(const std::string& path);  // regular files only
-  // Sum of the sizes of the regular files below `path`, links not followed; 0 when there is none.
+  virtual bool fileExistsAtPath(const std::string& path);  // of any kind, links followed
+  virtual bool isRegularFile(const std::string& path);     // links followed
+  virtual bool isDirectory(const std::string& path);       // links followed
+  virtual std::optional<int64_t> sizeOfFile(
+      const std::string& path);  // regular files only, links followed
+  // Sum of the sizes of the regular files below the directory `path`, links below it not followed;
+  // what cannot be read counts 0, so does a `path` that is no directory.
   virtual int64_t folderSize(const std::string& path);
-  // Entries except "." and "..", in the order of the directory; nullopt when it cannot be read.
+  // Entries except "." and "..", in the order of the directory; the kind is that of a link's
+  // target. nullopt when it cannot be read.
   virtual std::optional<std::vector<Entry>> contentsOfDirectory(const std::string& path);
-  virtual ErrorPtr createDirectoryWithIntermediates(const std::string& path);  // an existing directory is no failure
-  // Renames; across file systems copies to a temporary name beside the target, flushes and renames. A file at the
-  // target is replaced, a directory there is an error (EISDIR).
+  virtual ErrorPtr createDirectoryWithIntermediates(
+      const std::string& path);  // an existing directory is no failure
+  // Renames; a file that lies on another file system is copied to a temporary name beside the
+  // target, flushed and renamed, and only then removed (a directory there is EXDEV). A file at the
+  // target is replaced, a directory there is EISDIR. The target's directory must exist.
   virtual ErrorPtr moveItem(const std::string& from, const std::string& to);
-  virtual ErrorPtr removeItem(const std::string& path);  // recursive for a directory, links not followed
-  virtual DataPtr contentsAtPath(const std::string& path, int64_t maximumBytes, ErrorPtr* error = nullptr);
-  // Temporary name in the same directory, write, flush, rename.
-  virtual ErrorPtr writeAtomically(const std::string& path, const void* bytes, size_t size);
+  // Recursive for a directory; a link is removed, never its target. ENOENT when there is nothing.
+  // On failure what was not reached stays, and the error names the entry that resisted.
+  virtual ErrorPtr removeItem(const std::string& path);
+  // The first `maximumBytes` of a regular file, or all when that is negative; null with an error
+  // otherwise (EISDIR for a directory, EINVAL for what is neither).
+  virtual DataPtr contentsAtPath(const std::string& path, int64_t maximumBytes,
+                                 ErrorPtr* error = nullptr);
+  // Temporary name in the same directory, write, flush, rename: after a kill or a power loss there
+  // is the old content or the new. `mode` as in open(2), before the umask; an existing file's mode
+  // is not kept.
+  virtual ErrorPtr writeAtomically(const std::string& path, const void* bytes, size_t size,
+                                   unsigned mode = 0666);
 
+  // Whether `name` (the last component) is one that this class gives to files on their way. Only a
+  // killed process leaves one behind; whoever owns the directory ignores it and may remove it.
+  static bool isTemporaryName(std::string_view name);
   // $XDG_DOCUMENTS_DIR (environment, then user-dirs.dirs), else ~/Documents.
   static std::string documentsDirectory();
-  static std::string homeDirectory();
-  // Textual joining: exactly one "/" between the two; an absolute right side is appended like any other.
+  static std::string homeDirectory();  // $HOME, else the user database's
+  // Textual joining: exactly one "/" between the two; an absolute right side is appended like any
+  // other. An empty side gives the other one.
   static std::string pathByAppending(std::string_view path, std::string_view component);
 };
 

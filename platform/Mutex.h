@@ -6,8 +6,8 @@
 
 namespace platform {
 
-// The annotated locks. RecursiveMutex is the monitor that a downloader shares with its sets: a callback made under it
-// may call back in on the same thread.
+// The annotated locks. RecursiveMutex is the monitor that a downloader shares with its sets: a
+// callback made under it may call back in on the same thread.
 class CAPABILITY("mutex") RecursiveMutex {
  public:
   RecursiveMutex() = default;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 
@@ -13,7 +14,8 @@ struct NetworkStatus {
   bool operator==(const NetworkStatus&) const = default;
 };
 
-// What the default network is like. Without a source that knows: reachable and not metered. Thread-safe.
+// What the default network is like. Without a source that knows: reachable and not metered.
+// Thread-safe.
 class QN_EXPORT NetworkMonitor {
  public:
   using Watcher = uint64_t;

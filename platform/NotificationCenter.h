@@ -12,8 +12,8 @@ namespace platform {
 QN_EXPORT extern const char* const UIApplicationDidEnterBackgroundNotification;
 QN_EXPORT extern const char* const UIApplicationWillEnterForegroundNotification;
 
-// Named notifications inside the process. Thread-safe. Observers run on the posting thread, in the order in which they
-// were added, with no lock of the centre held.
+// Named notifications inside the process. Thread-safe. Observers run on the posting thread, in the
+// order in which they were added, with no lock of the centre held.
 class QN_EXPORT NotificationCenter {
  public:
   using Observer = uint64_t;

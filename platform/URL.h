@@ -10,22 +10,26 @@
 
 namespace platform {
 
-// A URL: its text and its components (RFC 3986 section 3). Immutable. The text is kept as written, except that
-// characters which RFC 3986 does not allow are percent-encoded (a blank, "|", "{", a "%" without two hexadecimal
-// digits, bytes above 0x7F); nothing else is changed, so that a server sees what the manifest said.
+// A URL: its text and its components (RFC 3986 section 3). Immutable. The text is kept as written,
+// except that characters which RFC 3986 does not allow are percent-encoded (a blank, "|", "{", a
+// "%" without two hexadecimal digits, bytes above 0x7F); nothing else is changed, so that a server
+// sees what the manifest said.
 class QN_EXPORT URL {
  public:
-  // Null when the text cannot be a URL reference (empty, a port that is no number, a control character).
+  // Null when the text cannot be a URL reference (empty, a port that is no number, a control
+  // character).
   static std::shared_ptr<const URL> URLWithString(std::string_view text);
-  // The reference resolved against `base` (RFC 3986 section 5.2); a null base gives the reference itself.
-  static std::shared_ptr<const URL> URLWithString(std::string_view text, const std::shared_ptr<const URL>& base);
+  // The reference resolved against `base` (RFC 3986 section 5.2); a null base gives the reference
+  // itself.
+  static std::shared_ptr<const URL> URLWithString(std::string_view text,
+                                                  const std::shared_ptr<const URL>& base);
   // "file://" and the percent-encoded absolute path.
   static std::shared_ptr<const URL> fileURLWithPath(std::string_view path);
 
   const std::string& absoluteString() const { return text_; }
 
-  // Components as they stand in the text (still percent-encoded); nullopt when absent. `scheme` and `host` keep their
-  // case; `host` of an IPv6 literal is without brackets.
+  // Components as they stand in the text (still percent-encoded); nullopt when absent. `scheme` and
+  // `host` keep their case; `host` of an IPv6 literal is without brackets.
   std::optional<std::string> scheme() const;
   std::optional<std::string> user() const;
   std::optional<std::string> host() const;

@@ -12,7 +12,8 @@
 
 namespace platform {
 
-// Header fields in the order in which they were first set; names compare without regard to case (RFC 9110).
+// Header fields in the order in which they were first set; names compare without regard to case
+// (RFC 9110).
 class QN_EXPORT HTTPHeaders {
  public:
   using Field = std::pair<std::string, std::string>;
@@ -29,7 +30,8 @@ class QN_EXPORT HTTPHeaders {
   std::vector<Field> fields_;
 };
 
-// A mutable HTTP request. A null URL is legal here: the task that is made from it fails asynchronously.
+// A mutable HTTP request. A null URL is legal here: the task that is made from it fails
+// asynchronously.
 class QN_EXPORT URLRequest {
  public:
   static std::shared_ptr<URLRequest> requestWithURL(URLPtr url);
@@ -39,9 +41,12 @@ class QN_EXPORT URLRequest {
   const URLPtr& url() const { return url_; }
   void setURL(URLPtr url) { url_ = std::move(url); }
   const std::string& HTTPMethod() const { return method_; }  // "GET" unless set
-  void setHTTPMethod(std::string method) { method_ = std::move(method); }
-  std::optional<std::string> valueForHTTPHeaderField(std::string_view name) const { return headers_.get(name); }
-  // Names that are no RFC 9110 tokens and values with CR, LF or NUL are ignored: no request can be split by a header.
+  void setHTTPMethod(std::string method);                    // what is no RFC 9110 token is ignored
+  std::optional<std::string> valueForHTTPHeaderField(std::string_view name) const {
+    return headers_.get(name);
+  }
+  // Names that are no RFC 9110 tokens and values with CR, LF or NUL are ignored: no request can be
+  // split by a header.
   void setValueForHTTPHeaderField(const std::string& value, const std::string& name);
   const HTTPHeaders& allHTTPHeaderFields() const { return headers_; }
 

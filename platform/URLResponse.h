@@ -33,7 +33,9 @@ class QN_EXPORT HTTPURLResponse : public URLResponse {
 
   int statusCode() const { return statusCode_; }
   const HTTPHeaders& allHeaderFields() const { return headers_; }
-  std::optional<std::string> valueForHTTPHeaderField(std::string_view name) const { return headers_.get(name); }
+  std::optional<std::string> valueForHTTPHeaderField(std::string_view name) const {
+    return headers_.get(name);
+  }
 
   // The standard reason phrase in lower case words ("not found"), nullopt for a code that has none.
   static std::optional<std::string> localizedStringForStatusCode(int statusCode);

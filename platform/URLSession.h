@@ -27,12 +27,13 @@ enum class URLSessionTaskState : int { Running = 0, Suspended = 1, Canceling = 2
 
 // Why a task does not transfer at the moment.
 enum class URLSessionTaskWait : int {
-  None = 0,       // transferring, or done
-  Suspended,      // by the application
-  Limit,          // of transfers per host or overall
-  Network,        // not reachable
-  Metered,        // the default network is metered and cellular access is off (or the task is discretionary)
-  Retry,          // until retryTime
+  None = 0,   // transferring, or done
+  Suspended,  // by the application
+  Limit,      // of transfers per host or overall
+  Network,    // not reachable
+  Metered,    // the default network is metered and cellular access is off (or the task is
+              // discretionary)
+  Retry,      // until retryTime
   DiskFull,
 };
 
@@ -50,11 +51,12 @@ struct LaunchCommand {
   bool operator==(const LaunchCommand&) const = default;
 };
 
-// How a session is made. A plain value; the defaults of the limits are process-wide and can be set by environment
-// variables (documented in docs/storage.md).
+// How a session is made. A plain value; the defaults of the limits are process-wide and can be set
+// by environment variables (documented in docs/storage.md).
 struct QN_EXPORT URLSessionConfiguration {
   // A background configuration: transfers are remembered under the identifier, across launches.
-  static URLSessionConfiguration backgroundSessionConfigurationWithIdentifier(std::string identifier);
+  static URLSessionConfiguration backgroundSessionConfigurationWithIdentifier(
+      std::string identifier);
 
   std::string identifier;
   bool ephemeral = false;  // tasks of an earlier launch are removed, not offered
@@ -63,67 +65,76 @@ struct QN_EXPORT URLSessionConfiguration {
   bool discretionary = false;
 
   // Own fields of this platform.
-  std::string stateDirectory;           // where session stores live; empty: $QN_STATE_DIR, $XDG_STATE_HOME/..., ~/...
-  // Directory on the file system of the download root; partial files lie there so that a finished file is moved by a
-  // rename. Empty: beside the store.
+  std::string stateDirectory;  // where session stores live; empty: $QN_STATE_DIR,
+                               // $XDG_STATE_HOME/..., ~/...
+  // Directory on the file system of the download root; partial files lie there so that a finished
+  // file is moved by a rename. Empty: beside the store.
   std::string partialDirectory;
-  int maximumConnectionsPerHost = 0;    // 0: the process-wide default
-  int maximumTransfers = 0;             // overall, 0: the process-wide default
-  int64_t maximumBytesPerSecond = -1;   // -1: the process-wide default, 0: no limit
-  double connectTimeoutSeconds = 0;     // 0: the process-wide default
-  double stallTimeoutSeconds = 0;       // without a byte; 0: the process-wide default
-  double retryBoundSeconds = -1;        // without progress before a failure is final; -1: the default (60)
-  double diskFullBoundSeconds = -1;     // -1: the default
-  std::string caFile;                   // PEM; empty: the system's
-  bool useService = false;              // transfers run in qn-transferd
+  int maximumConnectionsPerHost = 0;   // 0: the process-wide default
+  int maximumTransfers = 0;            // overall, 0: the process-wide default
+  int64_t maximumBytesPerSecond = -1;  // -1: the process-wide default, 0: no limit
+  double connectTimeoutSeconds = 0;    // 0: the process-wide default
+  double stallTimeoutSeconds = 0;      // without a byte; 0: the process-wide default
+  double retryBoundSeconds =
+      -1;  // without progress before a failure is final; -1: the default (60)
+  double diskFullBoundSeconds = -1;  // -1: the default
+  std::string caFile;                // PEM; empty: the system's
+  bool useService = false;           // transfers run in qn-transferd
   std::optional<LaunchCommand> launchCommand;
 };
 
-// The application's observer of one session, held weakly. All calls come on the session's one serial delegate queue
-// (a thread of the session's own), one at a time, with no lock held, never from inside a call that the application
-// made. From inside a call every operation of session and tasks may be used, also dropping the last reference to the
-// session. Exceptions that leave a callback are reported to the log and end there.
+// The application's observer of one session, held weakly. All calls come on the session's one
+// serial delegate queue (a thread of the session's own), one at a time, with no lock held, never
+// from inside a call that the application made. From inside a call every operation of session and
+// tasks may be used, also dropping the last reference to the session. Exceptions that leave a
+// callback are reported to the log and end there.
 class QN_EXPORT URLSessionDelegate {
  public:
   virtual ~URLSessionDelegate();
 
-  // Progress, coalesced; for every response at least once before the file is offered, also for an empty body. The first
-  // report of a response that starts over has bytesWritten == totalBytesWritten. Expected is -1 when unknown.
-  virtual void URLSessionDownloadTaskDidWriteData(const std::shared_ptr<URLSession>& session,
-                                                  const std::shared_ptr<URLSessionDownloadTask>& task,
-                                                  int64_t bytesWritten, int64_t totalBytesWritten,
-                                                  int64_t totalBytesExpectedToWrite);
-  // The body is whole, in the file `location`; the callee moves it away before it returns, what is left is deleted.
-  virtual void URLSessionDownloadTaskDidFinishDownloadingToURL(const std::shared_ptr<URLSession>& session,
-                                                               const std::shared_ptr<URLSessionDownloadTask>& task,
-                                                               const URLPtr& location);
-  // The last event of a task: after the finished file with a null error, else with the error alone. A cancelled task
-  // ends with URLErrorCancelled.
-  virtual void URLSessionTaskDidCompleteWithError(const std::shared_ptr<URLSession>& session,
-                                                  const std::shared_ptr<URLSessionDownloadTask>& task,
-                                                  const ErrorPtr& error);
+  // Progress, coalesced; for every response at least once before the file is offered, also for an
+  // empty body. The first report of a response that starts over has bytesWritten ==
+  // totalBytesWritten. Expected is -1 when unknown.
+  virtual void URLSessionDownloadTaskDidWriteData(
+      const std::shared_ptr<URLSession>& session,
+      const std::shared_ptr<URLSessionDownloadTask>& task, int64_t bytesWritten,
+      int64_t totalBytesWritten, int64_t totalBytesExpectedToWrite);
+  // The body is whole, in the file `location`; the callee moves it away before it returns, what is
+  // left is deleted.
+  virtual void URLSessionDownloadTaskDidFinishDownloadingToURL(
+      const std::shared_ptr<URLSession>& session,
+      const std::shared_ptr<URLSessionDownloadTask>& task, const URLPtr& location);
+  // The last event of a task: after the finished file with a null error, else with the error alone.
+  // A cancelled task ends with URLErrorCancelled.
+  virtual void URLSessionTaskDidCompleteWithError(
+      const std::shared_ptr<URLSession>& session,
+      const std::shared_ptr<URLSessionDownloadTask>& task, const ErrorPtr& error);
   // Once after the last event that was held while no delegate was there.
-  virtual void URLSessionDidFinishEventsForBackgroundURLSession(const std::shared_ptr<URLSession>& session);
+  virtual void URLSessionDidFinishEventsForBackgroundURLSession(
+      const std::shared_ptr<URLSession>& session);
 };
 
-// One transfer. Thread-safe; no call throws, blocks on the delegate or waits for the network. The object is one and the
-// same for as long as anybody holds it: events and lists of tasks give the pointer that the application got.
+// One transfer. Thread-safe; no call throws, blocks on the delegate or waits for the network. The
+// object is one and the same for as long as anybody holds it: events and lists of tasks give the
+// pointer that the application got.
 class QN_EXPORT URLSessionDownloadTask {
  public:
   virtual ~URLSessionDownloadTask();
 
   virtual uint64_t taskIdentifier() const = 0;  // never used again within the session's store
   virtual URLSessionTaskState state() const = 0;
-  // Free text of the application's, nullopt when there is none; durable when the call (or the delegate call around it)
-  // returns.
+  // Free text of the application's, nullopt when there is none; durable when the call (or the
+  // delegate call around it) returns.
   virtual std::optional<std::string> taskDescription() const = 0;
   virtual void setTaskDescription(std::optional<std::string> description) = 0;
-  // The request that the task was made from, with all its headers (also for a task made from resume data).
+  // The request that the task was made from, with all its headers (also for a task made from resume
+  // data).
   virtual URLRequestPtr originalRequest() const = 0;
   virtual URLResponsePtr response() const = 0;  // null before one came
   virtual ErrorPtr error() const = 0;           // null unless it failed
   virtual int64_t countOfBytesReceived() const = 0;
-  virtual int64_t countOfBytesExpectedToReceive() const = 0;  // URLSessionTransferSizeUnknown when not known
+  virtual int64_t countOfBytesExpectedToReceive()
+      const = 0;  // URLSessionTransferSizeUnknown when not known
   virtual URLSessionTaskWaitReason waitReason() const = 0;
 
   virtual void resume() = 0;
@@ -140,43 +151,48 @@ class QN_EXPORT URLSessionDataTask {
   virtual void cancel() = 0;  // the completion is still called, with URLErrorCancelled
 };
 
-// A background transfer session, or the shared session. Thread-safe. The last reference may be dropped anywhere, also
-// inside a callback: transfers of a background session then stop and stay in the store for the next launch; no
-// callback comes after that.
+// A background transfer session, or the shared session. Thread-safe. The last reference may be
+// dropped anywhere, also inside a callback: transfers of a background session then stop and stay in
+// the store for the next launch; no callback comes after that.
 class QN_EXPORT URLSession : public std::enable_shared_from_this<URLSession> {
  public:
   using Tasks = std::vector<std::shared_ptr<URLSessionDownloadTask>>;
-  // Exactly one of bytes and error is null (both may be, when the platform gave neither). Called once, on a thread of
-  // the session's.
-  using DataCompletion =
-      std::function<void(const DataPtr& bytes, const URLResponsePtr& response, const ErrorPtr& error)>;
+  // Exactly one of bytes and error is null (both may be, when the platform gave neither). Called
+  // once, on a thread of the session's.
+  using DataCompletion = std::function<void(const DataPtr& bytes, const URLResponsePtr& response,
+                                            const ErrorPtr& error)>;
 
-  // A session over the installed implementation. Throws platform::Exception "NSURLSessionException" when another
-  // process holds the identifier (the reason names it) or its store was written by a newer version.
-  static std::shared_ptr<URLSession> sessionWithConfiguration(const URLSessionConfiguration& configuration,
-                                                              std::weak_ptr<URLSessionDelegate> delegate);
+  // A session over the installed implementation. Throws platform::Exception "NSURLSessionException"
+  // when another process holds the identifier (the reason names it) or its store was written by a
+  // newer version.
+  static std::shared_ptr<URLSession> sessionWithConfiguration(
+      const URLSessionConfiguration& configuration, std::weak_ptr<URLSessionDelegate> delegate);
   // The process-wide session for one-shot fetches; it has no store and no download tasks.
   static std::shared_ptr<URLSession> sharedSession();
 
   virtual ~URLSession();
 
   virtual const URLSessionConfiguration& configuration() const = 0;
-  // A new task, suspended. Never null: what cannot be requested is a task that fails asynchronously once resumed.
-  virtual std::shared_ptr<URLSessionDownloadTask> downloadTaskWithRequest(const URLRequestPtr& request) = 0;
-  virtual std::shared_ptr<URLSessionDownloadTask> downloadTaskWithResumeData(const DataPtr& resumeData) = 0;
-  // The tasks that are not completed yet (a finished task counts until its last event was delivered). The first
-  // request is answered inside the call, before anything is transferred and any event is delivered; later ones on the
-  // delegate queue.
+  // A new task, suspended. Never null: what cannot be requested is a task that fails asynchronously
+  // once resumed.
+  virtual std::shared_ptr<URLSessionDownloadTask> downloadTaskWithRequest(
+      const URLRequestPtr& request) = 0;
+  virtual std::shared_ptr<URLSessionDownloadTask> downloadTaskWithResumeData(
+      const DataPtr& resumeData) = 0;
+  // The tasks that are not completed yet (a finished task counts until its last event was
+  // delivered). The first request is answered inside the call, before anything is transferred and
+  // any event is delivered; later ones on the delegate queue.
   virtual void getTasksWithCompletionHandler(std::function<void(const Tasks&)> completion) = 0;
-  // The same list; what differs between the two on other platforms (data and upload tasks) does not exist here.
+  // The same list; what differs between the two on other platforms (data and upload tasks) does not
+  // exist here.
   virtual void getAllTasksWithCompletionHandler(std::function<void(const Tasks&)> completion) = 0;
-  // A fetch whose body is kept in memory: redirects are followed, http and https only, at most `maximumBytes` after
-  // decoding (more is URLErrorDataLengthExceedsMaximum).
+  // A fetch whose body is kept in memory: redirects are followed, http and https only, at most
+  // `maximumBytes` after decoding (more is URLErrorDataLengthExceedsMaximum).
   virtual std::shared_ptr<URLSessionDataTask> dataTaskWithRequest(const URLRequestPtr& request,
                                                                   DataCompletion completion) = 0;
 
-  // What makes sessions. The transfer room installs its own at start-up; tests install a scripted one. Null restores
-  // the one that was installed first.
+  // What makes sessions. The transfer room installs its own at start-up; tests install a scripted
+  // one. Null restores the one that was installed first.
   using Provider = std::function<std::shared_ptr<URLSession>(const URLSessionConfiguration&,
                                                              std::weak_ptr<URLSessionDelegate>)>;
   static void setProvider(Provider provider);

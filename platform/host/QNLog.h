@@ -8,12 +8,14 @@
 // The host SDK's log tap. Level 16 is "error", 0 the least of all.
 inline constexpr int QNLogLevelError = 16;
 
-// Whether a message of this level is wanted. The message may still hold format markers; it lets a tap choose by text.
+// Whether a message of this level is wanted. The message may still hold format markers; it lets a
+// tap choose by text.
 QN_EXPORT bool QNCheckLogTap(int level, const std::string& message);
 // Hands the finished message to the tap.
 QN_EXPORT void QNLog(int level, const std::string& message);
 
-// The host's tap: whether it wants a level, and where messages go (any thread, several at a time never). Null functions
-// restore the default: level 16 and above to standard error, unless the environment variable QN_LOG_LEVEL says another
-// level.
-QN_EXPORT void QNSetLogTap(std::function<bool(int level)> wants, std::function<void(int level, const std::string&)> log);
+// The host's tap: whether it wants a level, and where messages go (any thread, several at a time
+// never). Null functions restore the default: level 16 and above to standard error, unless the
+// environment variable QN_LOG_LEVEL says another level.
+QN_EXPORT void QNSetLogTap(std::function<bool(int level)> wants,
+                           std::function<void(int level, const std::string&)> log);
