@@ -16,20 +16,21 @@ namespace platform {
 // sees what the manifest said.
 class QN_EXPORT URL {
  public:
-  // Null when the text cannot be a URL reference (empty, a port that is no number, a control
-  // character).
+  // Null when the text cannot be a URL reference (empty, a port that is no number of 16 bits, an IP
+  // literal that is not closed, a control character).
   static std::shared_ptr<const URL> URLWithString(std::string_view text);
-  // The reference resolved against `base` (RFC 3986 section 5.2); a null base gives the reference
-  // itself.
+  // The reference, which may be empty, resolved against `base` (RFC 3986 section 5.2); a null base
+  // gives the reference itself.
   static std::shared_ptr<const URL> URLWithString(std::string_view text,
                                                   const std::shared_ptr<const URL>& base);
-  // "file://" and the percent-encoded absolute path.
+  // "file://" and the percent-encoded path; a relative one begins at the current directory.
   static std::shared_ptr<const URL> fileURLWithPath(std::string_view path);
 
   const std::string& absoluteString() const { return text_; }
 
-  // Components as they stand in the text (still percent-encoded); nullopt when absent. `scheme` and
-  // `host` keep their case; `host` of an IPv6 literal is without brackets.
+  // Components as they stand in the text (still percent-encoded); nullopt when absent, `host` and
+  // `port` also when empty. `scheme` and `host` keep their case; `host` of an IPv6 literal is
+  // without brackets.
   std::optional<std::string> scheme() const;
   std::optional<std::string> user() const;
   std::optional<std::string> host() const;
