@@ -21,8 +21,8 @@
 //
 // Lifetime: Element, Attribute and every string_view they give are cheap values that point into the
 // tree. They are valid while the Document they come from, or a copy of it, lives; parsing again
-// into that Document ends it. The character after a view is always a NUL, so that data() is a C
-// string.
+// into that Document ends it. The character after a view is a NUL, so that data() is a C string
+// (a prefix excepted).
 //
 // Threads: a parsed Document may be read from any number of threads.
 namespace qnc::xml {
