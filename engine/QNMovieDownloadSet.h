@@ -1,0 +1,242 @@
+#pragma once
+
+#include <any>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "engine/QNDownloadStats.h"
+#include "engine/QNMovieDownloadProperties.h"
+#include "engine/QNMovieDownloadSetDelegate.h"
+#include "engine/QNSessionController.h"
+#include "platform/Error.h"
+#include "platform/Export.h"
+#include "platform/Mutex.h"
+#include "platform/URLSession.h"
+
+class QNMovie;
+class QNPlaylist;
+class QNQuality;
+class QNQualityDownloadInfo;
+class QNResourceDownloadInfo;
+class QNResourceId;
+class QNStoredPlaces;
+
+// The application's handle on one offline download: the first movie of a playlist, stored in one
+// directory. Which qualities are wanted is chosen while nothing is active; then they are started,
+// paused, resumed and cancelled together. Finished ones move from "selected" to "downloaded",
+// failed ones stay selected and startable. Any thread may call; every method holds the set's lock
+// for its whole run, and delegate calls are made under it. The lock is recursive and shared with
+// the downloader.
+//
+// Misuse throws platform::Exception "QNMovieDownloadSetException" with the reasons given below.
+class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
+                                           public std::enable_shared_from_this<QNMovieDownloadSet> {
+ public:
+  using Quality = std::shared_ptr<QNQuality>;
+  using QualityInfo = std::shared_ptr<QNQualityDownloadInfo>;
+  using Resource = std::shared_ptr<QNResourceDownloadInfo>;
+  using Task = std::shared_ptr<platform::URLSessionDownloadTask>;
+
+  // What the downloader adds when it makes a set.
+  struct Construction {
+    std::shared_ptr<platform::RecursiveMutex> mutex;  // the shared lock; null: one of its own
+    // Called once everything that can fail for the playlist's sake has succeeded, before anything
+    // is stored; what it throws leaves the initialiser.
+    std::function<void()> beforeStoring;
+  };
+
+  // Made by the downloader. Lists every quality's resources (and throws what their builders throw),
+  // opens the properties file (one that cannot be read is set aside as "<name>.damaged") and picks
+  // up what lies in the directory. Throws "QNMovieDownloadSetException" "Playlist has no movie".
+  static std::shared_ptr<QNMovieDownloadSet> downloadSetWithPlaylist(
+      std::shared_ptr<QNPlaylist> playlist, const std::string& downloadPath,
+      const std::string& manifestName, const std::string& sourceURL, const std::string& downloadId,
+      const std::shared_ptr<QNSessionController>& controller, Construction construction = {});
+
+  QNMovieDownloadSet(const QNMovieDownloadSet&) = delete;
+  QNMovieDownloadSet& operator=(const QNMovieDownloadSet&) = delete;
+  ~QNMovieDownloadSet() override;
+
+  // Constant after construction.
+  const std::shared_ptr<QNPlaylist>& playlist() const { return playlist_; }
+  const std::shared_ptr<QNMovie>& movie() const { return movie_; }
+  const std::string& downloadPath() const { return downloadPath_; }
+  const std::string& sourceURL() const { return sourceURL_; }
+  // The source URL without query, fragment and last path component, ending in "/".
+  const std::string& baseURL() const { return baseURL_; }
+  const std::string& downloadId() const { return downloadId_; }
+  const std::shared_ptr<QNMutableMovieDownloadProperties>& properties() const {
+    return properties_;
+  }
+
+  QNHeadersPtr additionalHeaders() const;
+  void setAdditionalHeaders(QNHeadersPtr headers);  // used from the next start on
+  std::shared_ptr<QNMovieDownloadSetDelegate> delegate() const;
+  void setDelegate(const std::shared_ptr<QNMovieDownloadSetDelegate>& delegate);  // held weakly
+  std::any userObject() const;
+  void setUserObject(std::any object);
+
+  // Selection, only while idle: "Can't select quality in non-idle state", "Can't deselect quality
+  // in non-idle state", "Quality not available in movie", "Quality has invalid media type".
+  // Selecting what is selected or downloaded and deselecting what is not selected do nothing.
+  void selectQuality(const Quality& quality);
+  void deselectQuality(const Quality& quality);
+  void selectAllQualities();
+  void deselectAllQualities();
+
+  // Removal of files, only while idle: "Can't remove quality in non-idle state", "Can't remove
+  // qualities in non-idle state", "Quality not available in movie", "Failed to remove all resource
+  // files for quality", "Failed to remove all resource files for all qualities". Files that another
+  // downloaded or selected quality lists stay.
+  void removeDownloadedQuality(const Quality& quality);
+  void removeAllDownloadedQualities();
+
+  // False when something is active already, or nothing was there to be started. The set's headers
+  // win over the call's.
+  bool downloadWithAdditionalHeaders(const QNHeadersPtr& headers);
+  // Nothing happens when nothing runs, waits, respectively is active.
+  void pause();
+  void resume();
+  void cancel();
+
+  // From the controller.
+  [[nodiscard]] bool reattachResource(const QNResourceId& id, const Task& task);
+  void resourceCompleteWithError(const Resource& resource, const platform::ErrorPtr& error);
+  void resourceBytesDownloadedAndExpected(const Resource& resource, int64_t downloaded,
+                                          int64_t expected);
+
+  QNDownloadStatus status() const;
+  // Over selected and downloaded qualities, always as an estimate; an unknown one counts as -1.
+  QNDownloadSize expectedBytes() const override;
+  // Starts at the size of what lies in the directory, moves by differences, 0 after a completion.
+  int64_t downloadedBytes() const override;
+  QNDownloadProgress progress() const override;
+  std::vector<Quality> selectedQualities() const;
+  std::vector<Quality> downloadedQualities() const;
+  std::vector<QualityInfo> selectedQualitiesInfo() const;
+  std::vector<QualityInfo> downloadedQualitiesInfo() const;
+  size_t numberOfSelectedQualities() const;
+  size_t numberOfDownloadedQualities() const;
+  bool isQualitySelected(const Quality& quality) const;
+  bool isQualityDownloaded(const Quality& quality) const;
+  // A foreign quality has an unknown size and no bytes.
+  QNDownloadSize expectedBytesForQuality(const Quality& quality) const;
+  int64_t downloadedBytesForQuality(const Quality& quality) const;
+  QNDownloadProgress progressForQuality(const Quality& quality) const;
+  QNDownloadSize totalSize() const;  // of the whole movie
+  QNDownloadSize selectedSize() const;
+  int64_t downloadedSize() const;
+
+  // Selected qualities by media type, and counts of selected qualities: size known; of those
+  // estimated; active; of those running; completed since the last start; of those failed.
+  size_t numVideoQualities() const;
+  size_t numAudioQualities() const;
+  size_t numTextQualities() const;
+  size_t numSized() const;
+  size_t numEstimated() const;
+  size_t numActive() const;
+  size_t numRunning() const;
+  size_t numCompleted() const;
+  size_t numFailed() const;
+  QNDownloadSize sizedBytes() const;
+
+  static QNDownloadSize expectedBytesFor(const std::vector<QualityInfo>& infos);
+  static int64_t downloadedBytesFor(const std::vector<QualityInfo>& infos);
+  static std::vector<Quality> _qualitiesWithQualitiesInfo(const std::vector<QualityInfo>& infos);
+
+  // Own additions.
+  // The download of a quality of this movie, null for a foreign one. To be read under `mutex`.
+  QualityInfo qualityInfoForQuality(const Quality& quality) const;
+  // The bytes that are there now, over selected and downloaded qualities: the figure to show.
+  int64_t resourceBytes() const;
+  int64_t resourceBytesForQuality(const Quality& quality) const;
+  // The set's lock, to read several figures as of one moment.
+  const std::shared_ptr<platform::RecursiveMutex>& mutex() const { return mutexOwner_; }
+  void _checkInvariants() const;
+
+ private:
+  friend class QNMovieDownloader;
+  using Delegate = std::shared_ptr<QNMovieDownloadSetDelegate>;
+
+  QNMovieDownloadSet(std::shared_ptr<QNPlaylist> playlist, const std::string& downloadPath,
+                     const std::string& sourceURL, const std::string& downloadId,
+                     std::shared_ptr<platform::RecursiveMutex> mutex);
+  void listQualities(const std::shared_ptr<QNSessionController>& controller);
+  void openProperties(const std::string& manifestName);
+  void pickUpStoredFiles();
+
+  QualityInfo requiredInfo(const Quality& quality) const REQUIRES(mutex_);
+  size_t& countOfType(const QualityInfo& info) REQUIRES(mutex_);
+  void _selectQuality(const QualityInfo& info) REQUIRES(mutex_);
+  void _deselectQuality(const QualityInfo& info) REQUIRES(mutex_);
+  void _addSelectedQuality(const QualityInfo& info) REQUIRES(mutex_);
+  void _removeSelectedQuality(const QualityInfo& info) REQUIRES(mutex_);
+  void countCompleted(const QualityInfo& info) REQUIRES(mutex_);
+  void uncountCompleted(const QualityInfo& info) REQUIRES(mutex_);
+  [[nodiscard]] bool _removeDownloadedQuality(const QualityInfo& info) REQUIRES(mutex_);
+  QNHeadersPtr _mergeHeaders(const QNHeadersPtr& headers) const REQUIRES(mutex_);
+  void _pauseQuality(const QualityInfo& info) REQUIRES(mutex_);
+  void _resumeQuality(const QualityInfo& info) REQUIRES(mutex_);
+  void _cancelQuality(const QualityInfo& info) REQUIRES(mutex_);
+  void _resourceCompleteWithError(const Resource& resource, const platform::ErrorPtr& error)
+      REQUIRES(mutex_);
+  bool everySelectedCompleted() const REQUIRES(mutex_);
+  platform::ErrorPtr _makeError() const REQUIRES(mutex_);
+  void _completeWithError(const platform::ErrorPtr& error) REQUIRES(mutex_);
+  void settle() REQUIRES(mutex_);
+  void updateProperties() REQUIRES(mutex_);
+  void writeChangedProperties() REQUIRES(mutex_);
+  bool _updateExpectedFrom(QNDownloadSize oldSize, QNDownloadSize newSize) REQUIRES(mutex_);
+  void _updateDownloadedFrom(int64_t oldBytes, int64_t newBytes) REQUIRES(mutex_);
+  QNDownloadStatus _status() const REQUIRES(mutex_);
+  QNDownloadSize _expectedBytes() const REQUIRES(mutex_);
+  void tellStatus(QNDownloadStatus status) REQUIRES(mutex_);
+  template <class Call>
+  void tell(Call call) REQUIRES(mutex_);
+
+  // For the downloader. A set that is being removed does not start and does not touch its
+  // directory.
+  void setRemoved(bool removed);
+  // Why the finished file of this resource cannot be stored, null when it can. Remembers whose file
+  // it is where several resources have one place.
+  platform::ErrorPtr prepareToStore(const Resource& resource);
+
+  // Constant after construction.
+  const std::shared_ptr<platform::RecursiveMutex> mutexOwner_;
+  platform::RecursiveMutex& mutex_;
+  const std::shared_ptr<QNPlaylist> playlist_;
+  std::shared_ptr<QNMovie> movie_;
+  const std::string downloadPath_;
+  const std::string sourceURL_;
+  const std::string baseURL_;
+  const std::string downloadId_;
+  std::shared_ptr<QNMutableMovieDownloadProperties> properties_;
+  std::vector<QualityInfo> qualities_;  // every quality, in the order of the movie
+  std::unordered_map<Quality, QualityInfo> qualityInfoMap_;
+
+  std::unique_ptr<QNStoredPlaces> places_ GUARDED_BY(mutex_);
+  std::vector<QualityInfo> selectedQualitiesInfo_ GUARDED_BY(mutex_);
+  std::vector<QualityInfo> downloadedQualitiesInfo_ GUARDED_BY(mutex_);
+  size_t numVideoQualities_ GUARDED_BY(mutex_) = 0;
+  size_t numAudioQualities_ GUARDED_BY(mutex_) = 0;
+  size_t numTextQualities_ GUARDED_BY(mutex_) = 0;
+  size_t numSized_ GUARDED_BY(mutex_) = 0;
+  size_t numEstimated_ GUARDED_BY(mutex_) = 0;
+  size_t numActive_ GUARDED_BY(mutex_) = 0;
+  size_t numRunning_ GUARDED_BY(mutex_) = 0;
+  size_t numCompleted_ GUARDED_BY(mutex_) = 0;
+  size_t numFailed_ GUARDED_BY(mutex_) = 0;
+  QNDownloadSize sizedBytes_ GUARDED_BY(mutex_) = QNDownloadSizeZero;
+  int64_t downloadedBytes_ GUARDED_BY(mutex_) = 0;
+  uint64_t starts_ GUARDED_BY(mutex_) = 0;  // tells a callback that started the set again
+  bool removed_ GUARDED_BY(mutex_) = false;
+  QNHeadersPtr additionalHeaders_ GUARDED_BY(mutex_);
+  std::weak_ptr<QNMovieDownloadSetDelegate> delegate_ GUARDED_BY(mutex_);
+  std::any userObject_ GUARDED_BY(mutex_);
+};

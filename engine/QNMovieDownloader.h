@@ -1,0 +1,212 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "engine/QNDownloadTypes.h"
+#include "engine/QNMovieDownloadProperties.h"
+#include "engine/QNSessionController.h"
+#include "platform/Application.h"
+#include "platform/Data.h"
+#include "platform/Error.h"
+#include "platform/Export.h"
+#include "platform/Mutex.h"
+#include "platform/NotificationCenter.h"
+#include "platform/URLSession.h"
+
+class QNMovieDownloadSet;
+class QNPlaylist;
+class QNResourceDownloadInfo;
+
+// The front object: owns the background session, the active download sets and the table of which
+// task belongs to which resource. One directory per download lies under its download path.
+//
+// Any thread may call. All operations hold one recursive lock, which the sets share, except
+// `downloadedMovies`, `downloadIdWithURL` and `findManifestLocalNameForDownloadId`. Session events
+// come on the session's delegate queue and take the lock too. Exceptions are named
+// "QNMovieDownloaderException"; the lock is released as they pass.
+class QN_EXPORT QNMovieDownloader final : public QNSessionController,
+                                          public platform::URLSessionDelegate,
+                                          public std::enable_shared_from_this<QNMovieDownloader> {
+ public:
+  using Set = std::shared_ptr<QNMovieDownloadSet>;
+  using Sets = std::vector<Set>;
+  using Properties = std::shared_ptr<QNMovieDownloadProperties>;
+  using FetchCompletion = std::function<void(const Set& set, const platform::ErrorPtr& error)>;
+  // Changes the own fields of a session's configuration (state directory, limits, service, launch
+  // command); identifier, cellular and discretionary flags are restored afterwards.
+  using ConfigureSession = std::function<void(platform::URLSessionConfiguration&)>;
+
+  // Opens the session (and throws what that throws), then finds the tasks of earlier launches and
+  // the sets they belong to. Without an identifier the session is a new one with each launch, and
+  // what it left unfinished is not found again. Default download path: "QNMovieDownloader" in the
+  // user's documents directory.
+  static std::shared_ptr<QNMovieDownloader> initWithIdentifier(
+      std::optional<std::string> identifier, bool cellularAccess, bool discretionaryMode,
+      std::optional<std::string> downloadPath, const ConfigureSession& configure = {});
+  static std::shared_ptr<QNMovieDownloader> initWithIdentifier(
+      std::optional<std::string> identifier, bool cellularAccess, bool discretionaryMode);
+  static std::shared_ptr<QNMovieDownloader> initWithIdentifier(
+      std::optional<std::string> identifier);
+  static std::shared_ptr<QNMovieDownloader> init();
+  // One for the process, "QNMovieDownloader/SharedSession", made with the first call.
+  static std::shared_ptr<QNMovieDownloader> sharedDownloader();
+  // For every downloader that is made from now on, before its own `configure`.
+  static void setConfigureSession(ConfigureSession configure);
+
+  QNMovieDownloader(const QNMovieDownloader&) = delete;
+  QNMovieDownloader& operator=(const QNMovieDownloader&) = delete;
+  ~QNMovieDownloader() override;
+
+  bool allowsCellularAccess() const { return allowsCellularAccess_; }
+  bool discretionary() const { return discretionary_; }
+  std::string downloadPath() const;
+  void setDownloadPath(std::string path);  // of downloads that are activated from now on
+  QNHeadersPtr additionalHeaders() const;
+  void setAdditionalHeaders(QNHeadersPtr headers);  // of every request of a start by `download`
+
+  // The name of the download's directory: hashes of host (lower case), path and query. A directory
+  // with the older form of the name (without query) is kept in use.
+  std::string downloadIdWithURL(const std::string& url) const;
+  static std::string getDefaultManifestLocalName();  // "manifest.mpd"
+  // Throws "Failed to create download directory" (user info "NSError": platform::ErrorPtr) or
+  // "Failed to write manifest to file". The URL is not used.
+  static void _saveManifest(const platform::DataPtr& bytes, const std::string& url,
+                            const std::string& directory);
+  // The stored manifest's file name, the default one when there is none.
+  std::string findManifestLocalNameForDownloadId(const std::string& downloadId) const;
+
+  // Every stored download that has a properties file, active or not; empty: none.
+  std::vector<Properties> downloadedMovies() const;
+  Sets activeDownloadSets() const;
+  // Only what is active; null otherwise.
+  Set fetchActiveDownloadSetForURL(const std::string& url) const;
+  // What is active or stored, never the network; null otherwise, and when the stored manifest is
+  // not usable. A stored download goes on under the URL that it was made from.
+  Set activateDownloadSetForURL(const std::string& url);
+  Set activateDownloadSet(const Set& set);
+  // The same, and the network when nothing is stored. The block is called once: inside the call,
+  // with the lock held, when nothing has to be fetched; else on the fetching thread, with the lock
+  // held when there is a set. Null set: the error says why, and nothing was stored. A downloader
+  // that is released meanwhile gives URLErrorCancelled.
+  void fetchDownloadSetForURL(const std::string& url, FetchCompletion block);
+  // Own addition: the second half of a fetch, for a manifest that the caller fetched. Null with an
+  // error when the playlist is not usable, before anything was stored. A set that is active or
+  // stored meanwhile is returned instead.
+  Set storeDownloadSetForURL(const std::string& url, const std::shared_ptr<QNPlaylist>& playlist,
+                             const platform::DataPtr& manifest, platform::ErrorPtr* error);
+
+  // Each throws "DownloadSet is not owned by this instance" when no active set has the set's
+  // identifier. `pause` and `resume` tell whether the set is in that state afterwards, `download`
+  // and `cancel` whether they acted. `remove` throws "Failed to remove files for DownloadSet" (user
+  // info "NSError"). They run inside a background task of the platform; `pause`, `resume` and
+  // `cancel` end it only when they act, and leave it to expire otherwise.
+  bool download(const Set& set);
+  bool pause(const Set& set);
+  bool resume(const Set& set);
+  bool cancel(const Set& set);
+  bool remove(const Set& set);
+  void pauseAll();
+  void resumeAll();
+  void cancelAll();
+  // Also downloads that are not active: the whole download path. Throws "Failed to remove all
+  // downloader files" (user info "NSError").
+  void removeAll();
+
+  // For the application's launch by the transfer service: the handler is called on the main queue
+  // when all held events were delivered. Null is ignored.
+  void handleBackgroundEventsWithCompletionHandler(std::function<void()> handler);
+  // Observers of the application's notifications. Entering the foreground suspends every running
+  // task and resumes it a second later, which wakes stalled transfers.
+  void handleEnterForeground();
+  void handleLeaveForeground();
+
+  // QNSessionController.
+  std::shared_ptr<platform::URLSession> downloadSession() override;
+  void resourceAttachTask(const std::shared_ptr<QNResourceDownloadInfo>& resource,
+                          const std::shared_ptr<platform::URLSessionDownloadTask>& task) override;
+  void resourceDetachTask(const std::shared_ptr<QNResourceDownloadInfo>& resource,
+                          const std::shared_ptr<platform::URLSessionDownloadTask>& task) override;
+
+  // platform::URLSessionDelegate. Nothing leaves these as an exception.
+  void URLSessionDownloadTaskDidWriteData(
+      const std::shared_ptr<platform::URLSession>& session,
+      const std::shared_ptr<platform::URLSessionDownloadTask>& task, int64_t bytesWritten,
+      int64_t totalBytesWritten, int64_t totalBytesExpectedToWrite) override;
+  void URLSessionDownloadTaskDidFinishDownloadingToURL(
+      const std::shared_ptr<platform::URLSession>& session,
+      const std::shared_ptr<platform::URLSessionDownloadTask>& task,
+      const platform::URLPtr& location) override;
+  void URLSessionTaskDidCompleteWithError(
+      const std::shared_ptr<platform::URLSession>& session,
+      const std::shared_ptr<platform::URLSessionDownloadTask>& task,
+      const platform::ErrorPtr& error) override;
+  void URLSessionDidFinishEventsForBackgroundURLSession(
+      const std::shared_ptr<platform::URLSession>& session) override;
+
+ private:
+  using Resource = std::shared_ptr<QNResourceDownloadInfo>;
+  using Task = std::shared_ptr<platform::URLSessionDownloadTask>;
+
+  QNMovieDownloader(bool cellularAccess, bool discretionaryMode, std::string downloadPath);
+  void start(const std::optional<std::string>& identifier, const ConfigureSession& configure);
+  std::string defaultOrGiven() const;
+
+  std::string directoryOf(const std::string& downloadId) const;
+  Set activeSet(const std::string& downloadId) const REQUIRES(mutex_);
+  // What is active or stored; null with an error when what is stored is not usable.
+  Set activeOrStoredSet(const std::string& url, const std::string& downloadId,
+                        platform::ErrorPtr* error) REQUIRES(mutex_);
+  Set _downloadSetWithPlaylist(const std::shared_ptr<QNPlaylist>& playlist,
+                               const std::string& downloadPath, const std::string& manifestName,
+                               const std::string& sourceURL, const std::string& downloadId,
+                               std::function<void()> beforeStoring = {}) REQUIRES(mutex_);
+  std::string settledSourceURL(const std::string& url, const std::string& directory,
+                               const std::string& manifestName) const;
+  void completeFetch(const std::string& url, const std::shared_ptr<QNPlaylist>& playlist,
+                     const platform::DataPtr& manifest, const platform::ErrorPtr& error,
+                     const FetchCompletion& block);
+
+  void _validateSet(const Set& set) const REQUIRES(mutex_);
+  void _pause(const Set& set) REQUIRES(mutex_);
+  void _resume(const Set& set) REQUIRES(mutex_);
+  void _cancel(const Set& set) REQUIRES(mutex_);
+  void _remove(const Set& set) REQUIRES(mutex_);
+  void _pauseAll() REQUIRES(mutex_);
+  void _resumeAll() REQUIRES(mutex_);
+  Sets setsInMap() const REQUIRES(mutex_);
+  bool isActive(const Set& set) const REQUIRES(mutex_);
+
+  void _reattachTasks(const platform::URLSession::Tasks& tasks);
+  void reattachTask(const Task& task) REQUIRES(mutex_);
+  void refreshTask(const Task& task);
+  Resource resourceOfTask(const Task& task) REQUIRES(mutex_);
+  void _handleCompletedResource(const Resource& resource, const Task& task,
+                                const std::string& location) REQUIRES(mutex_);
+  platform::ErrorPtr moveIntoPlace(const Resource& resource, const std::string& location)
+      REQUIRES(mutex_);
+  void _handleFailedResource(const Resource& resource, const platform::ErrorPtr& error)
+      REQUIRES(mutex_);
+  static platform::ErrorPtr _makeHTTPError(const platform::URLResponsePtr& response);
+
+  // Constant after construction.
+  const std::shared_ptr<platform::RecursiveMutex> mutexOwner_;
+  platform::RecursiveMutex& mutex_;
+  const bool allowsCellularAccess_;
+  const bool discretionary_;
+  std::shared_ptr<platform::URLSession> session_;
+  std::vector<platform::NotificationCenter::Observer> observers_;
+
+  std::string downloadPath_ GUARDED_BY(mutex_);
+  QNHeadersPtr additionalHeaders_ GUARDED_BY(mutex_);
+  std::map<std::string, Set> downloadIdSetMap_ GUARDED_BY(mutex_);
+  std::unordered_map<Task, Resource> tasks_ GUARDED_BY(mutex_);
+  std::vector<std::function<void()>> backgroundCompletionHandlers_ GUARDED_BY(mutex_);
+};
