@@ -242,6 +242,11 @@ bool JSON::operator==(const JSON& other) const {
 }
 
 std::optional<JSON> JSON::parse(std::string_view text, std::string* message) {
+  // Raw NUL stands nowhere in JSON, and the parser would take it for the end of the text.
+  if (const size_t nul = text.find('\0'); nul != std::string_view::npos) {
+    if (message) *message = "offset " + std::to_string(nul) + ": NUL character";
+    return std::nullopt;
+  }
   Builder builder;
   if (nlohmann::json::sax_parse(text.begin(), text.end(), &builder)) {
     return std::move(builder.result);

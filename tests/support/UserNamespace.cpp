@@ -1,0 +1,72 @@
+#include "tests/support/UserNamespace.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <stdexcept>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace qntest {
+namespace {
+
+constexpr int kPassed = 0;
+constexpr int kFailed = 1;
+constexpr int kNotAllowed = 77;
+
+bool writeProc(const char* file, const std::string& text) {
+  const int fd = open(file, O_WRONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  const bool written = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  close(fd);
+  return written;
+}
+
+bool enterNamespace() {
+  const std::string uid = "0 " + std::to_string(getuid()) + " 1";
+  const std::string gid = "0 " + std::to_string(getgid()) + " 1";
+  return unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0 && writeProc("/proc/self/setgroups", "deny") &&
+         writeProc("/proc/self/uid_map", uid) && writeProc("/proc/self/gid_map", gid);
+}
+
+int runBody(const std::function<void()>& body) {
+  try {
+    body();
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "in the namespace: %s\n", error.what());
+    return kFailed;
+  }
+  return testing::Test::HasFailure() ? kFailed : kPassed;
+}
+
+}  // namespace
+
+std::optional<bool> runInUserNamespace(const std::function<void()>& body) {
+  std::fflush(nullptr);  // or the child prints it again
+  const pid_t child = fork();
+  if (child < 0) throw std::runtime_error("fork");
+  if (child == 0) {
+    const int status = enterNamespace() ? runBody(body) : kNotAllowed;
+    std::fflush(nullptr);
+    _exit(status);  // the parent's objects are not this process's to destroy
+  }
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0) {
+    if (errno != EINTR) throw std::runtime_error("waitpid");
+  }
+  if (WIFEXITED(status) && WEXITSTATUS(status) == kNotAllowed) return std::nullopt;
+  return WIFEXITED(status) && WEXITSTATUS(status) == kPassed;
+}
+
+void mountTmpfs(const std::string& path, int64_t bytes) {
+  const std::string options = "size=" + std::to_string(bytes);
+  if (mount("tmpfs", path.c_str(), "tmpfs", 0, options.c_str()) == 0) return;
+  throw std::runtime_error("cannot mount a tmpfs at " + path + ": " + std::strerror(errno));
+}
+
+}  // namespace qntest

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+
+namespace qntest {
+
+// Runs `body` in a child process that is root of a user and mount namespace of its own, so that it
+// may mount. The child starts no threads. Its expectations count: returns whether none failed and
+// nothing was thrown; nullopt when this system allows no such namespace.
+std::optional<bool> runInUserNamespace(const std::function<void()>& body);
+
+// Inside such a child: an empty tmpfs of that size at `path`, an existing directory. Throws when it
+// cannot be mounted.
+void mountTmpfs(const std::string& path, int64_t bytes);
+
+}  // namespace qntest
