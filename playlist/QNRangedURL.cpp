@@ -1,5 +1,7 @@
 #include "playlist/QNRangedURL.h"
 
+#include <algorithm>
+#include <limits>
 #include <utility>
 
 namespace {
@@ -7,6 +9,10 @@ namespace {
 QNRangedURL::BaseURL shared(const std::optional<std::string>& baseURL) {
   return baseURL ? std::make_shared<const std::string>(*baseURL) : nullptr;
 }
+
+constexpr uint64_t kEndOfResource = std::numeric_limits<uint64_t>::max();
+
+uint64_t endOf(uint64_t offset, uint64_t length) { return length == 0 ? kEndOfResource : offset + length; }
 
 }  // namespace
 
@@ -39,6 +45,12 @@ std::optional<std::string> QNRangedURL::baseURL() const {
 
 void QNRangedURL::setBaseURL(const std::optional<std::string>& baseURL) {
   baseURL_ = shared(baseURL);
+}
+
+void QNRangedURL::cover(uint64_t offset, uint64_t length) {
+  const uint64_t end = std::max(endOf(offset_, length_), endOf(offset, length));
+  offset_ = std::min(offset_, offset);
+  length_ = end == kEndOfResource ? 0 : end - offset_;
 }
 
 std::optional<std::string> QNRangedURL::rangeHeader() const {

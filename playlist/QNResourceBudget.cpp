@@ -8,17 +8,16 @@
 
 namespace {
 
-void addSaturating(std::atomic<uint64_t>& sum, uint64_t value) {
-  const uint64_t old = sum.load();
-  const uint64_t room = std::numeric_limits<uint64_t>::max() - old;
-  sum.store(value > room ? std::numeric_limits<uint64_t>::max() : old + value);
+uint64_t saturatingSum(uint64_t a, uint64_t b) {
+  uint64_t sum = 0;
+  return __builtin_add_overflow(a, b, &sum) ? std::numeric_limits<uint64_t>::max() : sum;
 }
 
 }  // namespace
 
 void QNResourceBudget::declare(uint64_t resources, uint64_t textBytes) {
-  addSaturating(resources_, resources);
-  addSaturating(textBytes_, textBytes);
+  resources_ = saturatingSum(resources_, resources);
+  textBytes_ = saturatingSum(textBytes_, textBytes);
 }
 
 void QNResourceBudget::check() const {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 
 #include "platform/Export.h"
@@ -24,6 +23,6 @@ class QN_EXPORT QNResourceBudget {
   uint64_t textBytes() const { return textBytes_; }
 
  private:
-  std::atomic<uint64_t> resources_{0};
-  std::atomic<uint64_t> textBytes_{0};
+  uint64_t resources_ = 0;
+  uint64_t textBytes_ = 0;
 };
