@@ -2,11 +2,18 @@
 
 #include <atomic>
 
+#ifdef QN_HAVE_SYSTEMD
+#include "platform/NetworkManagerMonitor.h"
+#endif
+
 namespace platform {
 namespace {
 
+#ifdef QN_HAVE_SYSTEMD
+using SystemMonitor = NetworkManagerMonitor;
+#else
 // No source that knows.
-class UnknownNetwork final : public NetworkMonitor {
+class SystemMonitor final : public NetworkMonitor {
  public:
   NetworkStatus status() const override { return {}; }
   Watcher addWatcher(std::function<void()>) override { return ++lastWatcher_; }
@@ -15,11 +22,13 @@ class UnknownNetwork final : public NetworkMonitor {
  private:
   std::atomic<Watcher> lastWatcher_{0};
 };
+#endif
 
 std::atomic<NetworkMonitor*> replacement{nullptr};
 
+// Never destroyed: its thread runs until the process is gone.
 NetworkMonitor& systemMonitor() {
-  static auto* const monitor = new UnknownNetwork;
+  static auto* const monitor = new SystemMonitor;
   return *monitor;
 }
 
