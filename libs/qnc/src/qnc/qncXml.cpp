@@ -193,6 +193,7 @@ static Result withDom(const Tree* tree, bool sameTree, Use use) {
   if (!sameTree) return Result::InvalidArguments;
   if (!tree->hasSource) return Result::NotAvailable;
   const std::lock_guard lock(tree->domMutex);
+  const QuietLibxml quiet;
   if (!tree->dom) tree->dom = Dom::fromBytes(tree->source);
   return tree->dom ? use(*tree->dom) : Result::OutOfMemory;
 }

@@ -48,7 +48,6 @@ Owned<xmlXPathObject> evaluateXPath(xmlDoc* doc, xmlNode* context, std::string_v
                                     const Namespaces& namespaces) {
   Owned<xmlXPathContext> xpath(xmlXPathNewContext(doc));
   if (!xpath) return nullptr;
-  xpath->error = [](void*, xmlErrorPtr) {};  // else libxml2 prints
   xpath->node = context;
   for (const auto& [prefix, uri] : namespaces) {
     xmlXPathRegisterNs(xpath.get(), chars(prefix.str()), chars(uri.str()));

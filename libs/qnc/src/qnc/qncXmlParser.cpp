@@ -23,6 +23,23 @@ bool isBlank(std::string_view text) {
   return text.find_first_not_of(" \t\r\n") == text.npos;
 }
 
+// Hands the bytes to libxml2 piece by piece, so that it makes no copy of them all.
+int readRest(void* rest, char* to, int size) {
+  auto* bytes = static_cast<std::string_view*>(rest);
+  const size_t count = bytes->copy(to, static_cast<size_t>(size));
+  bytes->remove_prefix(count);
+  return static_cast<int>(count);
+}
+
+// Makes the parser read from `bytes`, which it consumes; false when there is no memory.
+bool attachInput(xmlParserCtxt* context, std::string_view& bytes) {
+  auto* buffer = xmlParserInputBufferCreateIO(readRest, nullptr, &bytes, XML_CHAR_ENCODING_NONE);
+  if (!buffer) return false;
+  auto* input = xmlNewIOInputStream(context, buffer, XML_CHAR_ENCODING_NONE);
+  if (!input) xmlFreeParserInputBuffer(buffer);
+  return input && inputPush(context, input) >= 0;
+}
+
 // Names by the addresses that the parser's dictionary gives them.
 class NameTable {
  public:
@@ -267,17 +284,19 @@ Result Builder::parse(std::string_view bytes) {
     error_ = {"Document is empty", 1};
     return Result::InvalidFormat;
   }
-  context_ = xmlCreateMemoryParserCtxt(bytes.data(), static_cast<int>(bytes.size()));
+  context_ = xmlNewParserCtxt();
   if (!context_) return Result::OutOfMemory;
   xmlCtxtUseOptions(context_, parserOptions());
   *context_->sax = handler();
   context_->userData = this;
-  xmlParseDocument(context_);
+  const bool attached = attachInput(context_, bytes);
+  if (attached) xmlParseDocument(context_);
   const bool wellFormed = context_->wellFormed != 0;
   // A DTD makes the parser create a document even so.
   xmlFreeDoc(std::exchange(context_->myDoc, nullptr));
   xmlFreeParserCtxt(std::exchange(context_, nullptr));
 
+  if (!attached) return Result::OutOfMemory;
   if (failed(result_)) return result_;
   if (!wellFormed || tree_.nodes.size() == 0) {
     if (error_.reason.empty()) error_.reason = "not well-formed";
@@ -297,6 +316,14 @@ int parserOptions() {
          XML_PARSE_NOWARNING;
 }
 
+QuietLibxml::QuietLibxml() : handler_(xmlStructuredError), context_(xmlStructuredErrorContext) {
+  xmlSetStructuredErrorFunc(nullptr, [](void*, xmlErrorPtr) {});
+}
+
+QuietLibxml::~QuietLibxml() {
+  xmlSetStructuredErrorFunc(context_, handler_);
+}
+
 Result buildTree(std::string_view bytes, Tree& tree, ParseError& error) {
   // Once per process, before the first use on any thread.
   static const bool initialized = [] {
@@ -304,6 +331,7 @@ Result buildTree(std::string_view bytes, Tree& tree, ParseError& error) {
     return true;
   }();
   (void)initialized;
+  const QuietLibxml quiet;
   return Builder(tree, error).parse(bytes);
 }
 

@@ -130,4 +130,18 @@ Result buildTree(std::string_view bytes, Tree& tree, ParseError& error);
 // resolved (nothing else can be there), nothing is fetched, nothing is printed.
 int parserOptions();
 
+// While it lives, what libxml2 reports on this thread without a parser of ours goes nowhere instead
+// of to stderr.
+class QuietLibxml {
+ public:
+  QuietLibxml();
+  ~QuietLibxml();
+  QuietLibxml(const QuietLibxml&) = delete;
+  QuietLibxml& operator=(const QuietLibxml&) = delete;
+
+ private:
+  void (*handler_)(void*, struct _xmlError*);
+  void* context_;
+};
+
 }  // namespace qnc::xml
