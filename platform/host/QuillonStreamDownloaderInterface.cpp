@@ -42,3 +42,8 @@ std::shared_ptr<QuillonStreamDownloaderInterface> QuillonStreamDownloaderInterfa
   }
   return nullptr;
 }
+
+void QuillonStreamDownloaderInterface_pluginWithId(
+    const char* pluginId, std::shared_ptr<QuillonStreamDownloaderInterface>* plugin) {
+  *plugin = QuillonStreamDownloaderInterface::pluginWithId(pluginId);
+}

@@ -34,3 +34,9 @@ class QN_EXPORT QuillonStreamDownloaderInterface {
   virtual std::optional<std::vector<std::string>> getDownloadedQualityIds(
       const std::string& localURL) = 0;
 };
+
+// `pluginWithId` for a host that loads the library with dlopen and has no link to the class: it
+// finds this by name, and calls the plug-in through its virtual functions. Built with the same C++
+// library.
+extern "C" QN_EXPORT void QuillonStreamDownloaderInterface_pluginWithId(
+    const char* pluginId, std::shared_ptr<QuillonStreamDownloaderInterface>* plugin);

@@ -1,0 +1,45 @@
+# What the library installs, below include/QNMovieDownloader. These headers include one another and the C++ library,
+# nothing else.
+set(QN_PUBLIC_HEADERS
+  engine/QNDownloadStats.h
+  engine/QNDownloadTypes.h
+  engine/QNIndexSet.h
+  engine/QNMovieDownloadProperties.h
+  engine/QNMovieDownloadSet.h
+  engine/QNMovieDownloadSetDelegate.h
+  engine/QNMovieDownloader.h
+  engine/QNQualityDownloadInfo.h
+  engine/QNResourceDownloadInfo.h
+  engine/QNResourceId.h
+  engine/QNSessionController.h
+  platform/Application.h
+  platform/Data.h
+  platform/DispatchQueue.h
+  platform/Error.h
+  platform/Exception.h
+  platform/Export.h
+  platform/FileManager.h
+  platform/JSON.h
+  platform/Mutex.h
+  platform/NetworkMonitor.h
+  platform/NotificationCenter.h
+  platform/ThreadAnnotations.h
+  platform/URL.h
+  platform/URLRequest.h
+  platform/URLResponse.h
+  platform/URLSession.h
+  platform/host/QNLog.h
+  platform/host/QNPlayerUtils.h
+  platform/host/QuillonStreamDownloaderInterface.h
+  playlist/QNAudioQuality.h
+  playlist/QNCodecPrivateQuality.h
+  playlist/QNMediaType.h
+  playlist/QNMovie.h
+  playlist/QNPlaylist.h
+  playlist/QNPlaylistFactory.h
+  playlist/QNQuality.h
+  playlist/QNRangedURL.h
+  playlist/QNResourceListBuilder.h
+  playlist/QNTextQuality.h
+  playlist/QNTrack.h
+  playlist/QNVideoQuality.h)
