@@ -73,6 +73,8 @@ inline constexpr const char* QNQualityKey = "QNQuality";
 inline constexpr const char* QNResourceErrorsKey = "QNResourceErrors";
 inline constexpr const char* QNMovieKey = "QNMovie";
 inline constexpr const char* QNQualityErrorsKey = "QNQualityErrors";
+// platform::ErrorPtr, where a fetched manifest could not be stored.
+inline constexpr const char* QNUnderlyingErrorKey = "NSUnderlyingError";
 
 namespace platform {
 class Error;

@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "engine/QNDownloadStats.h"
@@ -159,6 +160,9 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
   // The set's lock, to read several figures as of one moment.
   const std::shared_ptr<platform::RecursiveMutex>& mutex() const { return mutexOwner_; }
   void _checkInvariants() const;
+  // For resources: why one cannot be stored as things are (a place that is no file's, or another
+  // resource's), null when it can.
+  platform::ErrorPtr errorForPlace(const QNResourceDownloadInfo& resource) const;
 
  private:
   friend class QNMovieDownloader;
@@ -167,9 +171,9 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
   QNMovieDownloadSet(std::shared_ptr<QNPlaylist> playlist, const std::string& downloadPath,
                      const std::string& sourceURL, const std::string& downloadId,
                      std::shared_ptr<platform::RecursiveMutex> mutex);
-  void listQualities(const std::shared_ptr<QNSessionController>& controller);
-  void openProperties(const std::string& manifestName);
-  void pickUpStoredFiles();
+  void listQualities(const std::shared_ptr<QNSessionController>& controller) REQUIRES(mutex_);
+  void openProperties(const std::string& manifestName) REQUIRES(mutex_);
+  void pickUpStoredFiles() REQUIRES(mutex_);
 
   QualityInfo requiredInfo(const Quality& quality) const REQUIRES(mutex_);
   size_t& countOfType(const QualityInfo& info) REQUIRES(mutex_);
@@ -179,7 +183,11 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
   void _removeSelectedQuality(const QualityInfo& info) REQUIRES(mutex_);
   void countCompleted(const QualityInfo& info) REQUIRES(mutex_);
   void uncountCompleted(const QualityInfo& info) REQUIRES(mutex_);
-  [[nodiscard]] bool _removeDownloadedQuality(const QualityInfo& info) REQUIRES(mutex_);
+  [[nodiscard]] bool _removeDownloadedQuality(const QualityInfo& info,
+                                              const std::unordered_set<std::string>& kept)
+      REQUIRES(mutex_);
+  QualityInfo infoForTask(const QNResourceId& id,
+                          const platform::URLSessionDownloadTask& task) const REQUIRES(mutex_);
   QNHeadersPtr _mergeHeaders(const QNHeadersPtr& headers) const REQUIRES(mutex_);
   void _pauseQuality(const QualityInfo& info) REQUIRES(mutex_);
   void _resumeQuality(const QualityInfo& info) REQUIRES(mutex_);
@@ -194,7 +202,6 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
   void writeChangedProperties() REQUIRES(mutex_);
   bool _updateExpectedFrom(QNDownloadSize oldSize, QNDownloadSize newSize) REQUIRES(mutex_);
   void _updateDownloadedFrom(int64_t oldBytes, int64_t newBytes) REQUIRES(mutex_);
-  QNDownloadStatus _status() const REQUIRES(mutex_);
   QNDownloadSize _expectedBytes() const REQUIRES(mutex_);
   void tellStatus(QNDownloadStatus status) REQUIRES(mutex_);
   template <class Call>

@@ -98,8 +98,9 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
   // that is released meanwhile gives URLErrorCancelled.
   void fetchDownloadSetForURL(const std::string& url, FetchCompletion block);
   // Own addition: the second half of a fetch, for a manifest that the caller fetched. Null with an
-  // error when the playlist is not usable, before anything was stored. A set that is active or
-  // stored meanwhile is returned instead.
+  // error when the playlist is not usable, before anything was stored, or when the manifest cannot
+  // be stored: then QNUnderlyingErrorKey holds what the file system said. A set that is active
+  // already is returned instead; a stored manifest is replaced.
   Set storeDownloadSetForURL(const std::string& url, const std::shared_ptr<QNPlaylist>& playlist,
                              const platform::DataPtr& manifest, platform::ErrorPtr* error);
 
@@ -156,8 +157,9 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
   using Task = std::shared_ptr<platform::URLSessionDownloadTask>;
 
   QNMovieDownloader(bool cellularAccess, bool discretionaryMode, std::string downloadPath);
+  platform::URLSessionConfiguration configuration(const std::optional<std::string>& identifier,
+                                                  const ConfigureSession& configure) const;
   void start(const std::optional<std::string>& identifier, const ConfigureSession& configure);
-  std::string defaultOrGiven() const;
 
   std::string directoryOf(const std::string& downloadId) const;
   Set activeSet(const std::string& downloadId) const REQUIRES(mutex_);
@@ -179,6 +181,8 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
   void _resume(const Set& set) REQUIRES(mutex_);
   void _cancel(const Set& set) REQUIRES(mutex_);
   void _remove(const Set& set) REQUIRES(mutex_);
+  void _removeRoot() REQUIRES(mutex_);
+  void finishRemovals();
   void _pauseAll() REQUIRES(mutex_);
   void _resumeAll() REQUIRES(mutex_);
   Sets setsInMap() const REQUIRES(mutex_);
@@ -186,7 +190,10 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
 
   void _reattachTasks(const platform::URLSession::Tasks& tasks);
   void reattachTask(const Task& task) REQUIRES(mutex_);
-  void refreshTask(const Task& task);
+  void refreshTasks(const platform::URLSession::Tasks& tasks);
+  bool isRunningTask(const Task& task) const REQUIRES(mutex_);
+  bool suspendForRefresh(const Task& task);
+  void resumeAfterRefresh(const Task& task);
   Resource resourceOfTask(const Task& task) REQUIRES(mutex_);
   void _handleCompletedResource(const Resource& resource, const Task& task,
                                 const std::string& location) REQUIRES(mutex_);

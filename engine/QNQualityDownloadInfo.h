@@ -118,7 +118,8 @@ class QN_EXPORT QNQualityDownloadInfo final
                  const std::shared_ptr<QNSessionController>& controller);
   QNDownloadSize fallbackSize(size_t resourceCount) const;
   void assertOwn(const Resource& resource) const;
-  void note(const QNResourceDownloadInfo& resource);
+  void note(const Change& change);
+  void countCompleted();
   size_t window() const { return parallellDownloads_ == 0 ? 1 : parallellDownloads_; }
 
   Resource _nextResource() const;

@@ -119,7 +119,6 @@ class QN_EXPORT QNResourceDownloadInfo final : public QNDownloadStats {
   std::shared_ptr<QNSessionController> requiredController() const;
   std::shared_ptr<platform::URLRequest> requestOfItsOwn() const;
   void writeDescription();
-  Task giveUpTask();
 
   QNResourceBlock& block_;
   size_t index_;

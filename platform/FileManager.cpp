@@ -214,19 +214,23 @@ int removeBelow(int parent, const char* name, std::string& path) {
   return unlinkat(parent, name, AT_REMOVEDIR) == 0 || errno == ENOENT ? 0 : errno;
 }
 
-int64_t sizeBelow(int fd) {
+// Calls `found` with path and size of every regular file below the directory `fd`, which it closes.
+template <class Found>
+void walkFiles(int fd, std::string& path, const Found& found) {
   DirectoryReader directory(fd);
-  if (!directory) return 0;
-  int64_t total = 0;
+  if (!directory) return;
+  const size_t length = path.size();
   while (const dirent* const entry = directory.next()) {
     struct stat info {};
     if (fstatat(directory.fd(), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) continue;
-    if (S_ISREG(info.st_mode)) total += info.st_size;
+    path += entry->d_name;
+    if (S_ISREG(info.st_mode)) found(path, info.st_size);
     if (S_ISDIR(info.st_mode)) {
-      total += sizeBelow(openDirectoryAt(directory.fd(), entry->d_name, O_NOFOLLOW));
+      path += '/';
+      walkFiles(openDirectoryAt(directory.fd(), entry->d_name, O_NOFOLLOW), path, found);
     }
+    path.resize(length);
   }
-  return total;
 }
 
 FileManager::Entry entryOf(int directory, const dirent& entry) {
@@ -328,7 +332,21 @@ std::optional<int64_t> FileManager::sizeOfFile(const std::string& path) {
 }
 
 int64_t FileManager::folderSize(const std::string& path) {
-  return sizeBelow(openDirectoryAt(AT_FDCWD, path.c_str(), 0));
+  int64_t total = 0;
+  std::string walked;
+  walkFiles(openDirectoryAt(AT_FDCWD, path.c_str(), 0), walked,
+            [&](const std::string&, int64_t size) { total += size; });
+  return total;
+}
+
+std::vector<FileManager::File> FileManager::filesBelow(const std::string& path) {
+  std::vector<File> files;
+  std::string walked;
+  walkFiles(openDirectoryAt(AT_FDCWD, path.c_str(), 0), walked,
+            [&](const std::string& file, int64_t size) {
+              files.push_back({file, size});
+            });
+  return files;
 }
 
 std::optional<std::vector<FileManager::Entry>> FileManager::contentsOfDirectory(

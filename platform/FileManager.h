@@ -25,6 +25,10 @@ class QN_EXPORT FileManager {
     bool isRegular = false;
     bool isDirectory = false;
   };
+  struct File {
+    std::string path;  // relative to the directory that was asked for
+    int64_t size = 0;
+  };
 
   static FileManager& defaultManager();
   // Null restores the real one. The caller keeps the replacement alive.
@@ -40,6 +44,8 @@ class QN_EXPORT FileManager {
   // Sum of the sizes of the regular files below the directory `path`, links below it not followed;
   // what cannot be read counts 0, so does a `path` that is no directory.
   virtual int64_t folderSize(const std::string& path);
+  // The same walk, told file by file.
+  virtual std::vector<File> filesBelow(const std::string& path);
   // Entries except "." and "..", in the order of the directory; the kind is that of a link's
   // target. nullopt when it cannot be read.
   virtual std::optional<std::vector<Entry>> contentsOfDirectory(const std::string& path);

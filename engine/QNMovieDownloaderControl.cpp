@@ -1,0 +1,310 @@
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+#include <unistd.h>
+
+#include "engine/QNMovieDownloadSet.h"
+#include "engine/QNMovieDownloader.h"
+#include "engine/QNResourceDownloadInfo.h"
+#include "platform/DispatchQueue.h"
+#include "platform/Exception.h"
+#include "platform/FileManager.h"
+
+using platform::Application;
+using platform::FileManager;
+using platform::RecursiveLock;
+
+// What an application does with its sets, and the application's own life cycle.
+
+namespace {
+
+// What is being removed lies here, one level deeper than a download would: half of one is never
+// taken for a whole.
+constexpr const char* kRemovedDirectory = ".qn-removed";
+constexpr auto kRefreshDelay = std::chrono::nanoseconds(1'000'000'000);
+
+Application::BackgroundTask begin(const char* name) {
+  return Application::sharedApplication().beginBackgroundTaskWithName(name);
+}
+
+void end(Application::BackgroundTask task) {
+  Application::sharedApplication().endBackgroundTask(task);
+}
+
+// Ends its background task however the scope is left.
+class ScopedBackgroundTask {
+ public:
+  explicit ScopedBackgroundTask(const char* name) : task_(begin(name)) {}
+  ~ScopedBackgroundTask() { end(task_); }
+  ScopedBackgroundTask(const ScopedBackgroundTask&) = delete;
+  ScopedBackgroundTask& operator=(const ScopedBackgroundTask&) = delete;
+
+ private:
+  const Application::BackgroundTask task_;
+};
+
+std::string parentOf(const std::string& path) {
+  const size_t end = path.find_last_not_of('/');
+  const size_t slash = path.rfind('/', end);
+  return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+}
+
+std::string nameOf(const std::string& path) {
+  const size_t end = path.find_last_not_of('/');
+  if (end == std::string::npos) return {};
+  return path.substr(path.rfind('/', end) + 1, end - path.rfind('/', end));
+}
+
+// A name that no earlier removal used, also of a process that was killed in it.
+std::string placeForRemoved(const std::string& root, const std::string& name) {
+  const auto now = std::chrono::system_clock::now().time_since_epoch().count();
+  return FileManager::pathByAppending(
+      FileManager::pathByAppending(root, kRemovedDirectory),
+      name + "." + std::to_string(getpid()) + "." + std::to_string(now));
+}
+
+// Takes a directory away in one step and deletes it then. What cannot be taken away is deleted
+// where it is.
+platform::ErrorPtr removeDownload(const std::string& root, const std::string& path) {
+  auto& files = FileManager::defaultManager();
+  const std::string parent = FileManager::pathByAppending(root, kRemovedDirectory);
+  const std::string removed = placeForRemoved(root, nameOf(path));
+  (void)files.createDirectoryWithIntermediates(parent);
+  const bool isAway = files.moveItem(path, removed) == nullptr;
+  auto error = files.removeItem(isAway ? removed : path);
+  const auto others = files.contentsOfDirectory(parent);
+  if (others && others->empty()) (void)files.removeItem(parent);
+  return error;
+}
+
+}  // namespace
+
+void QNMovieDownloader::_validateSet(const Set& set) const {
+  if (set && activeSet(set->downloadId())) return;
+  throw platform::Exception(QNMovieDownloaderException,
+                            "DownloadSet is not owned by this instance");
+}
+
+bool QNMovieDownloader::isActive(const Set& set) const {
+  return activeSet(set->downloadId()) == set;
+}
+
+// When a set is not owned the background task stays open as well, for the system to expire.
+
+bool QNMovieDownloader::download(const Set& set) {
+  const auto self = shared_from_this();
+  RecursiveLock lock(mutex_);
+  const auto task = begin("QNMovieDownloader: Initiate download");
+  _validateSet(set);
+  const bool started = set->downloadWithAdditionalHeaders(additionalHeaders_);
+  end(task);
+  return started;
+}
+
+bool QNMovieDownloader::pause(const Set& set) {
+  const auto self = shared_from_this();
+  RecursiveLock lock(mutex_);
+  const auto task = begin("QNMovieDownloader: Pause download");
+  _validateSet(set);
+  if (set->status() != QNDownloadStatusRunning) return set->status() == QNDownloadStatusPaused;
+  _pause(set);
+  end(task);
+  return true;
+}
+
+bool QNMovieDownloader::resume(const Set& set) {
+  const auto self = shared_from_this();
+  RecursiveLock lock(mutex_);
+  const auto task = begin("QNMovieDownloader: Resume download");
+  _validateSet(set);
+  if (set->status() != QNDownloadStatusPaused) return set->status() == QNDownloadStatusRunning;
+  _resume(set);
+  end(task);
+  return true;
+}
+
+bool QNMovieDownloader::cancel(const Set& set) {
+  const auto self = shared_from_this();
+  RecursiveLock lock(mutex_);
+  const auto task = begin("QNMovieDownloader: Cancel download");
+  _validateSet(set);
+  if (set->status() == QNDownloadStatusIdle) return false;
+  _cancel(set);
+  end(task);
+  return true;
+}
+
+bool QNMovieDownloader::remove(const Set& set) {
+  const auto self = shared_from_this();
+  RecursiveLock lock(mutex_);
+  const auto task = begin("QNMovieDownloader: Remove download");
+  _validateSet(set);
+  // From here on a delegate cannot start it again, or write to its directory.
+  set->setRemoved(true);
+  if (set->status() != QNDownloadStatusIdle) _cancel(set);
+  try {
+    _remove(set);
+  } catch (...) {
+    set->setRemoved(false);
+    throw;
+  }
+  downloadIdSetMap_.erase(set->downloadId());
+  end(task);
+  return true;
+}
+
+void QNMovieDownloader::_pause(const Set& set) {
+  set->pause();
+}
+
+void QNMovieDownloader::_resume(const Set& set) {
+  set->resume();
+}
+
+void QNMovieDownloader::_cancel(const Set& set) {
+  set->cancel();
+}
+
+void QNMovieDownloader::_remove(const Set& set) {
+  const std::string& path = set->downloadPath();
+  if (!FileManager::defaultManager().fileExistsAtPath(path)) return;
+  if (auto error = removeDownload(parentOf(path), path)) {
+    throw platform::Exception(QNMovieDownloaderException, "Failed to remove files for DownloadSet",
+                              {{"NSError", std::move(error)}});
+  }
+}
+
+void QNMovieDownloader::_pauseAll() {
+  for (const Set& set : setsInMap()) {
+    if (isActive(set) && set->status() == QNDownloadStatusRunning) _pause(set);
+  }
+}
+
+void QNMovieDownloader::_resumeAll() {
+  for (const Set& set : setsInMap()) {
+    if (isActive(set) && set->status() == QNDownloadStatusPaused) _resume(set);
+  }
+}
+
+void QNMovieDownloader::pauseAll() {
+  const auto self = shared_from_this();
+  RecursiveLock lock(mutex_);
+  const ScopedBackgroundTask task("QNMovieDownloader: Pause all");
+  _pauseAll();
+}
+
+void QNMovieDownloader::resumeAll() {
+  const auto self = shared_from_this();
+  RecursiveLock lock(mutex_);
+  const ScopedBackgroundTask task("QNMovieDownloader: Resume all");
+  _resumeAll();
+}
+
+void QNMovieDownloader::cancelAll() {
+  const auto self = shared_from_this();
+  RecursiveLock lock(mutex_);
+  const ScopedBackgroundTask task("QNMovieDownloader: Cancel all");
+  for (const Set& set : setsInMap()) {
+    if (isActive(set)) _cancel(set);
+  }
+}
+
+void QNMovieDownloader::removeAll() {
+  const auto self = shared_from_this();
+  RecursiveLock lock(mutex_);
+  const ScopedBackgroundTask task("QNMovieDownloader: Remove all");
+  const Sets sets = setsInMap();
+  for (const Set& set : sets)
+    set->setRemoved(true);
+  for (const Set& set : sets) {
+    if (set->status() != QNDownloadStatusIdle) _cancel(set);
+  }
+  try {
+    _removeRoot();
+  } catch (...) {
+    for (const Set& set : sets)
+      set->setRemoved(false);
+    throw;
+  }
+  downloadIdSetMap_.clear();
+}
+
+// The downloads first, each in one step, so that a kill leaves whole ones only.
+void QNMovieDownloader::_removeRoot() {
+  auto& files = FileManager::defaultManager();
+  if (!files.fileExistsAtPath(downloadPath_)) return;
+  for (const auto& entry :
+       files.contentsOfDirectory(downloadPath_).value_or(std::vector<FileManager::Entry>())) {
+    const std::string path = FileManager::pathByAppending(downloadPath_, entry.name);
+    if (entry.isDirectory && entry.name != kRemovedDirectory &&
+        files.fileExistsAtPath(FileManager::pathByAppending(path, QNMoviePropertiesFileName)))
+      (void)removeDownload(downloadPath_, path);
+  }
+  if (auto error = files.removeItem(downloadPath_)) {
+    throw platform::Exception(QNMovieDownloaderException, "Failed to remove all downloader files",
+                              {{"NSError", std::move(error)}});
+  }
+}
+
+// Removals that an earlier launch did not finish.
+void QNMovieDownloader::finishRemovals() {
+  const std::string removed = FileManager::pathByAppending(downloadPath(), kRemovedDirectory);
+  if (!FileManager::defaultManager().fileExistsAtPath(removed)) return;
+  platform::DispatchQueue::globalBackgroundQueue()->async(
+      [removed] { (void)FileManager::defaultManager().removeItem(removed); });
+}
+
+// Life cycle
+
+void QNMovieDownloader::handleBackgroundEventsWithCompletionHandler(std::function<void()> handler) {
+  if (!handler) return;
+  RecursiveLock lock(mutex_);
+  backgroundCompletionHandlers_.push_back(std::move(handler));
+}
+
+void QNMovieDownloader::handleLeaveForeground() {}
+
+void QNMovieDownloader::handleEnterForeground() {
+  const auto self = shared_from_this();
+  RecursiveLock lock(mutex_);
+  const auto background = begin("QNMovieDownloader: Refresh all");
+  session_->getAllTasksWithCompletionHandler(
+      [weak = weak_from_this(), background](const platform::URLSession::Tasks& tasks) {
+        if (const auto downloader = weak.lock()) downloader->refreshTasks(tasks);
+        end(background);
+      });
+}
+
+void QNMovieDownloader::refreshTasks(const platform::URLSession::Tasks& tasks) {
+  RecursiveLock lock(mutex_);
+  for (const Task& task : tasks) {
+    if (task->state() != platform::URLSessionTaskState::Running) continue;
+    platform::DispatchQueue::mainQueue()->async([weak = weak_from_this(), task] {
+      const auto downloader = weak.lock();
+      if (!downloader || !downloader->suspendForRefresh(task)) return;
+      platform::DispatchQueue::mainQueue()->after(kRefreshDelay, [weak, task] {
+        if (const auto later = weak.lock()) later->resumeAfterRefresh(task);
+      });
+    });
+  }
+}
+
+// Meanwhile the task may have been paused, cancelled or completed: only what its resource says is
+// running is touched, and nothing else is left suspended.
+bool QNMovieDownloader::isRunningTask(const Task& task) const {
+  const auto entry = tasks_.find(task);
+  return entry != tasks_.end() && entry->second->status() == QNDownloadStatusRunning;
+}
+
+bool QNMovieDownloader::suspendForRefresh(const Task& task) {
+  RecursiveLock lock(mutex_);
+  if (!isRunningTask(task)) return false;
+  task->suspend();
+  return true;
+}
+
+void QNMovieDownloader::resumeAfterRefresh(const Task& task) {
+  RecursiveLock lock(mutex_);
+  if (isRunningTask(task)) task->resume();
+}

@@ -1,0 +1,218 @@
+#include <cerrno>
+#include <utility>
+
+#include "engine/QNEngineLog.h"
+#include "engine/QNMovieDownloadSet.h"
+#include "engine/QNMovieDownloader.h"
+#include "engine/QNQualityDownloadInfo.h"
+#include "engine/QNResourceDownloadInfo.h"
+#include "engine/QNResourceId.h"
+#include "platform/DispatchQueue.h"
+#include "platform/FileManager.h"
+#include "platform/Log.h"
+#include "platform/host/QNLog.h"
+
+using platform::FileManager;
+using platform::RecursiveLock;
+
+// What the session tells, and the table of its tasks.
+
+namespace {
+
+constexpr int kOK = 200;
+constexpr int kPartialContent = 206;
+
+// Runs one session event. Nothing ends the process here: a broken promise of the engine, a delegate
+// that is not there any more, a full memory are logged, and the next event comes.
+template <class Body>
+void handleEvent(const char* event, Body body) {
+  try {
+    body();
+  } catch (...) {
+    QNEngineLog(QNLogLevelError, "Error: Exception in session event " + std::string(event) + ": %@",
+                platform::describeCurrentException());
+  }
+}
+
+bool isCancellation(const platform::Error& error) {
+  return error.domain() == platform::NSURLErrorDomain &&
+         error.code() == platform::URLErrorCancelled;
+}
+
+std::shared_ptr<QNMovieDownloadSet> setOf(const QNResourceDownloadInfo& resource) {
+  const auto quality = resource.quality();
+  return quality ? quality->set() : nullptr;
+}
+
+std::string parentOf(const std::string& path) {
+  return path.substr(0, path.rfind('/'));
+}
+
+}  // namespace
+
+// The table of tasks. Called by resources, under the lock that their set shares with this object.
+
+std::shared_ptr<platform::URLSession> QNMovieDownloader::downloadSession() {
+  return session_;
+}
+
+void QNMovieDownloader::resourceAttachTask(const Resource& resource,
+                                           const Task& task) NO_THREAD_SAFETY_ANALYSIS {
+  tasks_[task] = resource;
+}
+
+void QNMovieDownloader::resourceDetachTask(const Resource& /*resource*/,
+                                           const Task& task) NO_THREAD_SAFETY_ANALYSIS {
+  tasks_.erase(task);
+}
+
+// Null for a task that nobody waits for. Its set may be gone while it still runs: then it ends
+// here.
+QNMovieDownloader::Resource QNMovieDownloader::resourceOfTask(const Task& task) {
+  const auto entry = tasks_.find(task);
+  if (entry == tasks_.end()) return nullptr;
+  const Resource resource = entry->second;
+  if (setOf(*resource)) return resource;
+  tasks_.erase(entry);
+  task->cancel();
+  return nullptr;
+}
+
+// Events
+
+void QNMovieDownloader::URLSessionDownloadTaskDidWriteData(
+    const std::shared_ptr<platform::URLSession>& /*session*/, const Task& task,
+    int64_t bytesWritten, int64_t totalBytesWritten, int64_t totalBytesExpectedToWrite) {
+  const auto self = shared_from_this();
+  handleEvent("didWriteData", [&] {
+    RecursiveLock lock(mutex_);
+    const Resource resource = resourceOfTask(task);
+    if (!resource) return;
+    if (bytesWritten == totalBytesWritten) {
+      if (const auto error = _makeHTTPError(task->response())) {
+        task->cancel();
+        _handleFailedResource(resource, error);
+        return;
+      }
+    }
+    setOf(*resource)->resourceBytesDownloadedAndExpected(resource, totalBytesWritten,
+                                                         totalBytesExpectedToWrite);
+  });
+}
+
+void QNMovieDownloader::URLSessionDownloadTaskDidFinishDownloadingToURL(
+    const std::shared_ptr<platform::URLSession>& /*session*/, const Task& task,
+    const platform::URLPtr& location) {
+  const auto self = shared_from_this();
+  handleEvent("didFinishDownloading", [&] {
+    RecursiveLock lock(mutex_);
+    const Resource resource = resourceOfTask(task);
+    if (!resource) return;
+    if (const auto error = task->error()) {
+      _handleFailedResource(resource, error);
+    } else {
+      _handleCompletedResource(resource, task, location->filePath().value_or(""));
+    }
+  });
+}
+
+void QNMovieDownloader::URLSessionTaskDidCompleteWithError(
+    const std::shared_ptr<platform::URLSession>& /*session*/, const Task& task,
+    const platform::ErrorPtr& error) {
+  if (!error) return;
+  const auto self = shared_from_this();
+  handleEvent("didComplete", [&] {
+    RecursiveLock lock(mutex_);
+    const Resource resource = resourceOfTask(task);
+    // Every cancellation is our own, and accounted for already.
+    if (!resource || isCancellation(*error)) return;
+    // A resource without a place was requested from nowhere; that is not what a person wants to
+    // read.
+    const auto placeError = resource->placeError();
+    _handleFailedResource(resource, placeError ? placeError : error);
+  });
+}
+
+void QNMovieDownloader::URLSessionDidFinishEventsForBackgroundURLSession(
+    const std::shared_ptr<platform::URLSession>& /*session*/) {
+  const auto self = shared_from_this();
+  handleEvent("didFinishEvents", [&] {
+    RecursiveLock lock(mutex_);
+    auto& handlers = backgroundCompletionHandlers_;
+    const size_t count = tasks_.empty() ? handlers.size() : std::min<size_t>(1, handlers.size());
+    for (size_t i = 0; i < count; ++i)
+      platform::DispatchQueue::mainQueue()->async(std::move(handlers[i]));
+    handlers.erase(handlers.begin(), handlers.begin() + static_cast<ptrdiff_t>(count));
+  });
+}
+
+platform::ErrorPtr QNMovieDownloader::_makeHTTPError(const platform::URLResponsePtr& response) {
+  const auto http = std::dynamic_pointer_cast<const platform::HTTPURLResponse>(response);
+  if (!http) return nullptr;
+  const int status = http->statusCode();
+  if (status == kOK || status == kPartialContent) return nullptr;
+  const auto text = platform::HTTPURLResponse::localizedStringForStatusCode(status);
+  return platform::Error::errorWithDomain(QNDownloadHTTPErrorDomain, status,
+                                          {{QNStatusMessageKey, text.value_or("Unknown Error")}});
+}
+
+void QNMovieDownloader::_handleFailedResource(const Resource& resource,
+                                              const platform::ErrorPtr& error) {
+  setOf(*resource)->resourceCompleteWithError(resource, error);
+}
+
+// The transfer service deletes the file when its callback returns, so it is moved in here. A file
+// that is there is replaced in one step: until then the old one is whole.
+platform::ErrorPtr QNMovieDownloader::moveIntoPlace(const Resource& resource,
+                                                    const std::string& location) {
+  if (auto error = setOf(*resource)->prepareToStore(resource)) return error;
+  auto& files = FileManager::defaultManager();
+  const std::string target = resource->resourcePath();
+  if (files.isDirectory(target))
+    return platform::Error::errorWithErrno(EISDIR, "Cannot replace", target);
+  if (!files.fileExistsAtPath(target)) {
+    if (auto error = files.createDirectoryWithIntermediates(parentOf(target))) return error;
+  }
+  return files.moveItem(location, target);
+}
+
+void QNMovieDownloader::_handleCompletedResource(const Resource& resource, const Task& task,
+                                                 const std::string& location) {
+  if (const auto error = moveIntoPlace(resource, location)) {
+    _handleFailedResource(resource, error);
+    return;
+  }
+  const auto set = setOf(*resource);
+  set->resourceBytesDownloadedAndExpected(resource, task->countOfBytesReceived(),
+                                          task->countOfBytesExpectedToReceive());
+  // A delegate may have cancelled or removed the download in this last report.
+  if (resource->downloadTask() != task) return;
+  set->resourceCompleteWithError(resource, nullptr);
+}
+
+// After a relaunch
+
+void QNMovieDownloader::_reattachTasks(const platform::URLSession::Tasks& tasks) {
+  const auto self = shared_from_this();
+  RecursiveLock lock(mutex_);
+  for (const Task& task : tasks)
+    handleEvent("reattach", [&]() NO_THREAD_SAFETY_ANALYSIS { reattachTask(task); });
+}
+
+// A task that no resource takes ends here: its bytes belong nowhere.
+void QNMovieDownloader::reattachTask(const Task& task) {
+  const auto description = task->taskDescription();
+  if (!description) {
+    task->cancel();
+    return;
+  }
+  bool taken = false;
+  handleEvent("reattach", [&]() NO_THREAD_SAFETY_ANALYSIS {
+    const auto id = QNResourceId::resourceIdWithJSONString(*description);
+    const Set set = id->manifestURL() ? activateDownloadSetForURL(*id->manifestURL()) : nullptr;
+    taken = set && set->reattachResource(*id, task);
+  });
+  if (taken || tasks_.contains(task)) return;
+  task->setTaskDescription(std::nullopt);
+  task->cancel();
+}

@@ -1,0 +1,115 @@
+#include "engine/QNResourcePath.h"
+
+#include "engine/QNHash.h"
+#include "engine/QNMovieDownloadProperties.h"
+
+namespace {
+
+constexpr size_t kLongestName = 255;  // NAME_MAX of the usual file systems, in bytes
+constexpr size_t kKeptOfLongName = 200;
+constexpr const char* kManifestName = "manifest.mpd";
+
+// Calls `visit` with each component between slashes, empty ones too.
+template <class Visit>
+void forEachComponent(std::string_view path, Visit visit) {
+  for (;;) {
+    const size_t slash = path.find('/');
+    visit(path.substr(0, slash));
+    if (slash == std::string_view::npos) return;
+    path.remove_prefix(slash + 1);
+  }
+}
+
+bool goesNowhere(std::string_view component) {
+  return component.empty() || component == ".";
+}
+
+std::string withoutNul(std::string_view component) {
+  std::string result;
+  for (const char c : component) {
+    if (c == '\0') {
+      result += "%00";
+    } else {
+      result += c;
+    }
+  }
+  return result;
+}
+
+std::string safeComponent(std::string_view component) {
+  std::string name = withoutNul(component);
+  if (name.size() <= kLongestName) return name;
+  return name.substr(0, kKeptOfLongName) + "~" + QNHexDigits(QNHash64(component));
+}
+
+// Whether the path is to be taken as it stands, which it nearly always is.
+bool isPlain(std::string_view path) {
+  size_t start = 0;
+  for (size_t i = 0; i <= path.size(); ++i) {
+    if (i < path.size() && path[i] == '\0') return false;
+    if (i < path.size() && path[i] != '/') continue;
+    if (i - start > kLongestName || path.substr(start, i - start) == "..") return false;
+    start = i + 1;
+  }
+  return true;
+}
+
+// Whether normalising would change nothing.
+bool isNormalised(std::string_view path) {
+  bool normalised = !path.empty();
+  forEachComponent(path, [&](std::string_view component) {
+    if (goesNowhere(component) || component == "..") normalised = false;
+  });
+  return normalised;
+}
+
+}  // namespace
+
+std::string QNRelativeResourcePath(const std::string& reference) {
+  if (isPlain(reference)) return reference;
+  std::string path;
+  size_t depth = 0;
+  bool first = true;
+  forEachComponent(reference, [&](std::string_view component) {
+    if (!first) path += '/';
+    first = false;
+    if (component == "..") {
+      path += depth == 0 ? "%2E%2E" : "..";
+      if (depth > 0) --depth;
+      return;
+    }
+    if (!goesNowhere(component)) ++depth;
+    path += safeComponent(component);
+  });
+  return path;
+}
+
+std::string QNNormalisedPath(std::string_view relativePath) {
+  if (isNormalised(relativePath)) return std::string(relativePath);
+  std::string path;
+  forEachComponent(relativePath, [&](std::string_view component) {
+    if (goesNowhere(component)) return;
+    if (component == "..") {
+      const size_t slash = path.rfind('/');
+      path.resize(slash == std::string::npos ? 0 : slash);
+      return;
+    }
+    if (!path.empty()) path += '/';
+    path += component;
+  });
+  return path;
+}
+
+std::optional<std::string> QNRefusalOfPlace(std::string_view relativePath,
+                                            std::string_view manifestName) {
+  const std::string place = QNNormalisedPath(relativePath);
+  if (place.empty()) return "its place would be the download directory itself";
+  std::string_view last = relativePath;
+  if (const size_t slash = last.rfind('/'); slash != std::string_view::npos)
+    last.remove_prefix(slash + 1);
+  if (goesNowhere(last) || last == "..") return "its place would be a directory";
+  if (place == kManifestName || place == manifestName)
+    return "its place would be that of the stored manifest";
+  if (place == QNMoviePropertiesFileName) return "its place would be that of the properties file";
+  return std::nullopt;
+}

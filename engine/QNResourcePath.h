@@ -1,0 +1,27 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/Export.h"
+
+// Where a resource's file lies: at its reference, below the download directory and nowhere else.
+//
+// Manifests hold absolute URLs, leading "..", queries, and names that no file can have. The
+// reference is taken as a path as it stands, except that
+//   - a ".." that would leave the directory is stored as "%2E%2E" (the same address by RFC 3986
+//     section 6.2.2.2, but a name for the file system),
+//   - a component over 255 bytes is stored as its first 200, "~" and 16 digits of its hash,
+//   - a NUL byte is stored as "%00".
+// The address that is requested is never changed. Pure functions.
+QN_EXPORT std::string QNRelativeResourcePath(const std::string& reference);
+
+// What a path means to the file system: without empty components, "." and "..", so that two paths
+// name one file exactly when these are equal. Empty for the directory itself.
+QN_EXPORT std::string QNNormalisedPath(std::string_view relativePath);
+
+// Why no file can lie at a path that `QNRelativeResourcePath` gave; nullopt when one can.
+// `manifestName` is the file of the stored manifest, which is not to be replaced.
+QN_EXPORT std::optional<std::string> QNRefusalOfPlace(std::string_view relativePath,
+                                                      std::string_view manifestName);

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/Export.h"
+#include "platform/host/QuillonStreamDownloaderInterface.h"
+
+// The face of this library towards a host player that loads it as a plug-in.
+class QN_EXPORT QuillonStreamDownloader final : public QuillonStreamDownloaderInterface {
+ public:
+  // Registers `create` with the host.
+  static void initPlugin();
+  static std::shared_ptr<QuillonStreamDownloaderInterface> create();
+
+  std::string getId() const override;  // "QuillonStreamDownloader"
+  // Of the shared downloader's stored downloads, the first with this local URL.
+  std::optional<std::vector<std::string>> getDownloadedQualityIds(
+      const std::string& localURL) override;
+};
+
+// The entry that a host looks up after dlopen.
+extern "C" QN_EXPORT void QuillonStreamDownloader_initPlugin();
