@@ -11,7 +11,8 @@
 namespace qnc::xml {
 namespace {
 
-// A limit of libxml2's that it applies only while it builds its own tree.
+// libxml2's own limits, which it applies only while it builds its own tree.
+constexpr size_t kMaxDepth = 256;
 constexpr size_t kMaxTextSize = XML_MAX_TEXT_LENGTH;
 
 std::string_view view(const xmlChar* text) {
@@ -38,8 +39,6 @@ bool attachInput(xmlParserCtxt* context, std::string_view& bytes) {
   if (!input) xmlFreeParserInputBuffer(buffer);
   return input && inputPush(context, input) >= 0;
 }
-
-void ignoreMessage(void*, const char*, ...) {}
 
 // Names by the addresses that the parser's dictionary gives them.
 class NameTable {
@@ -198,13 +197,11 @@ void Builder::noteError(const xmlError& error) {
     error_.reason.pop_back();
   error_.line = static_cast<uint32_t>(std::max(error.line, 0));
   if (error.code == XML_ERR_NO_MEMORY) result_ = Result::OutOfMemory;
-  if (error.code == XML_ERR_INTERNAL_ERROR && depth_ > xmlParserMaxDepth) {
-    result_ = Result::OutOfRange;
-  }
 }
 
 void Builder::startElement(const xmlChar* local, const xmlChar* prefix, const xmlChar* uri,
                            const xmlChar** attributes, int count) {
+  if (depth_ >= kMaxDepth) return refuse(Result::OutOfRange, "Elements are nested too deeply");
   Tree::Node node{};
   node.name = names_.idOf(local, prefix, uri);
   node.parent = Tree::kNone;
@@ -319,18 +316,12 @@ int parserOptions() {
          XML_PARSE_NOWARNING;
 }
 
-QuietLibxml::QuietLibxml()
-    : structured_(xmlStructuredError),
-      structuredContext_(xmlStructuredErrorContext),
-      generic_(xmlGenericError),
-      genericContext_(xmlGenericErrorContext) {
+QuietLibxml::QuietLibxml() : handler_(xmlStructuredError), context_(xmlStructuredErrorContext) {
   xmlSetStructuredErrorFunc(nullptr, [](void*, xmlErrorPtr) {});
-  xmlSetGenericErrorFunc(nullptr, ignoreMessage);
 }
 
 QuietLibxml::~QuietLibxml() {
-  xmlSetStructuredErrorFunc(structuredContext_, structured_);
-  xmlSetGenericErrorFunc(genericContext_, generic_);
+  xmlSetStructuredErrorFunc(context_, handler_);
 }
 
 Result buildTree(std::string_view bytes, Tree& tree, ParseError& error) {

@@ -140,10 +140,8 @@ class QuietLibxml {
   QuietLibxml& operator=(const QuietLibxml&) = delete;
 
  private:
-  void (*structured_)(void*, struct _xmlError*);
-  void* structuredContext_;
-  void (*generic_)(void*, const char*, ...);
-  void* genericContext_;
+  void (*handler_)(void*, struct _xmlError*);
+  void* context_;
 };
 
 }  // namespace qnc::xml

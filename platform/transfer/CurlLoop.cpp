@@ -1,0 +1,193 @@
+#include "platform/transfer/CurlLoop.h"
+
+#include <algorithm>
+#include <array>
+#include <system_error>
+#include <utility>
+
+#include <curl/curl.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+
+#include "platform/transfer/TransferClock.h"
+
+namespace platform {
+namespace {
+
+constexpr long kReceiveBufferBytes = 64 << 10;
+constexpr size_t kIdleHandles = 64;
+// libcurl's own limits on time are out of the way: time-outs are the caller's, on its clock.
+constexpr long kNoConnectTimeoutMs = 24L * 3600 * 1000;
+
+void initialiseCurl() {
+  static const bool done = [] {
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    return true;
+  }();
+  static_cast<void>(done);
+}
+
+[[noreturn]] void fail(const char* what) {
+  throw std::system_error(errno, std::generic_category(), what);
+}
+
+uint32_t epollEvents(int what) {
+  uint32_t events = 0;
+  if (what & CURL_POLL_IN) events |= EPOLLIN;
+  if (what & CURL_POLL_OUT) events |= EPOLLOUT;
+  return events;
+}
+
+}  // namespace
+
+CurlLoop::CurlLoop(const Options& options, Done done) : options_(options), done_(std::move(done)) {
+  initialiseCurl();
+  epoll_.reset(epoll_create1(EPOLL_CLOEXEC));
+  wakeup_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!epoll_ || !wakeup_) fail("epoll");
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.fd = wakeup_.get();
+  if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, wakeup_.get(), &event) != 0) fail("epoll_ctl");
+
+  multi_ = curl_multi_init();
+  if (!multi_) throw std::bad_alloc();
+  curl_multi_setopt(multi_, CURLMOPT_SOCKETFUNCTION, &CurlLoop::socketChanged);
+  curl_multi_setopt(multi_, CURLMOPT_SOCKETDATA, this);
+  curl_multi_setopt(multi_, CURLMOPT_TIMERFUNCTION, &CurlLoop::timerChanged);
+  curl_multi_setopt(multi_, CURLMOPT_TIMERDATA, this);
+  curl_multi_setopt(multi_, CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
+  curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, static_cast<long>(options_.connections));
+}
+
+CurlLoop::~CurlLoop() {
+  for (CURL* easy : idle_)
+    curl_easy_cleanup(easy);
+  curl_multi_cleanup(multi_);
+}
+
+void CurlLoop::wake() {
+  if (woken_.exchange(true)) return;
+  const uint64_t one = 1;
+  static_cast<void>(!::write(wakeup_.get(), &one, sizeof one));
+}
+
+CURL* CurlLoop::takeHandle() {
+  if (!idle_.empty()) {
+    CURL* const easy = idle_.back();
+    idle_.pop_back();
+    return easy;
+  }
+  CURL* const easy = curl_easy_init();
+  if (!easy) throw std::bad_alloc();
+  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
+  curl_easy_setopt(easy, CURLOPT_PATH_AS_IS, 1L);
+  curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, kReceiveBufferBytes);
+  curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, CURL_HTTP_VERSION_2TLS);
+  curl_easy_setopt(easy, CURLOPT_SSLVERSION, CURL_SSLVERSION_TLSv1_2);
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
+  if (!options_.caFile.empty()) {
+    curl_easy_setopt(easy, CURLOPT_CAINFO, options_.caFile.c_str());
+    curl_easy_setopt(easy, CURLOPT_CAPATH, nullptr);
+  }
+  curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, kNoConnectTimeoutMs);
+  curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);
+  curl_easy_setopt(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+  curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");  // decodes what was not asked for, too
+  curl_easy_setopt(easy, CURLOPT_USERAGENT, "QNMovieDownloader");
+  return easy;
+}
+
+void CurlLoop::giveHandle(CURL* easy) {
+  if (idle_.size() < kIdleHandles) {
+    idle_.push_back(easy);
+  } else {
+    curl_easy_cleanup(easy);
+  }
+}
+
+bool CurlLoop::add(CURL* easy) {
+  return curl_multi_add_handle(multi_, easy) == CURLM_OK;
+}
+
+void CurlLoop::remove(CURL* easy) {
+  curl_multi_remove_handle(multi_, easy);
+}
+
+void CurlLoop::run(int64_t timeoutMs) {
+  const int64_t timer = timeToTimer();
+  if (timer >= 0) timeoutMs = timeoutMs < 0 ? timer : std::min(timeoutMs, timer);
+  std::array<epoll_event, 64> events;
+  const int wait = static_cast<int>(std::min<int64_t>(timeoutMs, 3600 * 1000));
+  const int count = epoll_wait(epoll_.get(), events.data(), events.size(), wait);
+
+  int running = 0;
+  for (int i = 0; i < count; ++i) {
+    const int fd = events[static_cast<size_t>(i)].data.fd;
+    const uint32_t ready = events[static_cast<size_t>(i)].events;
+    if (fd == wakeup_.get()) {
+      uint64_t ignored = 0;
+      static_cast<void>(!::read(fd, &ignored, sizeof ignored));
+      woken_.store(false);
+      continue;
+    }
+    int mask = 0;
+    if (ready & EPOLLIN) mask |= CURL_CSELECT_IN;
+    if (ready & EPOLLOUT) mask |= CURL_CSELECT_OUT;
+    if (ready & (EPOLLERR | EPOLLHUP)) mask |= CURL_CSELECT_ERR;
+    curl_multi_socket_action(multi_, fd, mask, &running);
+  }
+  // Once each round: a zero timer asks to be called soon, not to starve the sockets.
+  if (timeToTimer() == 0) {
+    timerAtMs_ = -1;
+    curl_multi_socket_action(multi_, CURL_SOCKET_TIMEOUT, 0, &running);
+  }
+  collectDone();
+}
+
+int CurlLoop::socketChanged(CURL*, int fd, int what, void* selfPointer, void* known) {
+  auto* const self = static_cast<CurlLoop*>(selfPointer);
+  epoll_event event{};
+  event.events = epollEvents(what);
+  event.data.fd = fd;
+  if (what == CURL_POLL_REMOVE) {
+    epoll_ctl(self->epoll_.get(), EPOLL_CTL_DEL, fd, &event);
+    return 0;
+  }
+  // Should the two disagree about what is registered (a number that was closed and used again), the
+  // other operation is right.
+  const int first = known ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
+  const int second = known ? EPOLL_CTL_ADD : EPOLL_CTL_MOD;
+  if (epoll_ctl(self->epoll_.get(), first, fd, &event) != 0) {
+    epoll_ctl(self->epoll_.get(), second, fd, &event);
+  }
+  if (!known) curl_multi_assign(self->multi_, fd, self);
+  return 0;
+}
+
+int CurlLoop::timerChanged(CURLM*, long timeoutMs, void* selfPointer) {
+  auto* const self = static_cast<CurlLoop*>(selfPointer);
+  self->timerAtMs_ = timeoutMs < 0 ? -1 : TransferClock::systemClock().nowMs() + timeoutMs;
+  return 0;
+}
+
+int64_t CurlLoop::timeToTimer() const {
+  if (timerAtMs_ < 0) return -1;
+  return std::max<int64_t>(0, timerAtMs_ - TransferClock::systemClock().nowMs());
+}
+
+void CurlLoop::collectDone() {
+  int left = 0;
+  while (CURLMsg* message = curl_multi_info_read(multi_, &left)) {
+    if (message->msg != CURLMSG_DONE) continue;
+    CURL* const easy = message->easy_handle;
+    const int code = message->data.result;
+    curl_multi_remove_handle(multi_, easy);
+    done_(easy, code);
+  }
+}
+
+}  // namespace platform

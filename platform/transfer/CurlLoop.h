@@ -1,0 +1,64 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "platform/FileDescriptor.h"
+
+typedef void CURL;
+typedef void CURLM;
+
+namespace platform {
+
+// A curl_multi under epoll: only the transfers that something happened to are touched, and a loop
+// without transfers sleeps until it is woken. All but wake() belongs to one thread.
+class CurlLoop {
+ public:
+  // Called from run() when a transfer ended; it has been taken out of the loop before.
+  using Done = std::function<void(CURL* easy, int curlCode)>;
+
+  struct Options {
+    int connections = 64;  // kept alive at most
+    std::string caFile;    // PEM; empty: the system's
+  };
+
+  CurlLoop(const Options& options, Done done);
+  ~CurlLoop();
+  CurlLoop(const CurlLoop&) = delete;
+  CurlLoop& operator=(const CurlLoop&) = delete;
+
+  // Ends a wait in run(), this one or the next. Any thread.
+  void wake();
+
+  // A handle with the options that all transfers share; give it back when it is out of the loop.
+  CURL* takeHandle();
+  void giveHandle(CURL* easy);
+
+  [[nodiscard]] bool add(CURL* easy);
+  void remove(CURL* easy);
+
+  // Waits until a socket is ready, curl's own timer is due, wake() was called or `timeoutMs` went
+  // by
+  // (-1: for ever), then lets the transfers move on.
+  void run(int64_t timeoutMs);
+
+ private:
+  static int socketChanged(CURL* easy, int fd, int what, void* self, void* known);
+  static int timerChanged(CURLM* multi, long timeoutMs, void* self);
+  void collectDone();
+  int64_t timeToTimer() const;
+
+  const Options options_;
+  const Done done_;
+  FileDescriptor epoll_;
+  FileDescriptor wakeup_;
+  std::atomic<bool> woken_{false};
+  CURLM* multi_ = nullptr;
+  std::vector<CURL*> idle_;
+  int64_t timerAtMs_ = -1;  // on CLOCK_MONOTONIC, -1: none
+};
+
+}  // namespace platform

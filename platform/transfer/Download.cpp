@@ -1,0 +1,234 @@
+#include "platform/transfer/Download.h"
+
+#include <utility>
+
+#include "platform/transfer/CurlLoop.h"
+
+namespace platform {
+namespace {
+
+// A body that is not wanted is read so that the connection can be kept, but not a long one.
+constexpr int64_t kMaximumDiscarded = 64 << 10;
+
+bool hasNoBody(const std::string& method, int status) {
+  return method == "HEAD" || status == 204 || status == 304;
+}
+
+}  // namespace
+
+Download::Owner::~Owner() = default;
+
+Download::Download(TransferTaskId task, URLRequestPtr request, TransferContent content,
+                   PartialFiles& files, CurlLoop& loop, Owner& owner)
+    : task_(task),
+      request_(std::move(request)),
+      content_(std::move(content)),
+      files_(files),
+      loop_(loop),
+      owner_(owner) {}
+
+Download::~Download() = default;
+
+bool Download::canBeContinued() const {
+  return content_.received > 0 && !content_.validator.empty();
+}
+
+void Download::start() {
+  const URLPtr url = request_->url();
+  if (!url || !url->isHTTP()) {
+    outcome_ = {url ? URLErrorUnsupportedURL : URLErrorBadURL, false, {}};
+    return finish(End::Failed);
+  }
+  base_ = content_.received;
+  if (content_.response && content_.received == content_.expected) {
+    ++responses_;
+    return finish(End::Finished);
+  }
+  asked_ = whatToAsk();
+  HttpExchange::Request request{url, request_->HTTPMethod(), request_->allHTTPHeaderFields(), true};
+  if (asked_.offset > 0) {
+    request.headers.set("Range", *asked_.header(std::nullopt));
+    request.headers.set("If-Range", asked_.validator);
+  }
+  exchange_ = std::make_unique<HttpExchange>(loop_, *this);
+  if (exchange_->start(std::move(request))) return;
+  outcome_ = {URLErrorUnknown, false, "libcurl refused the request"};
+  finish(End::Failed);
+}
+
+RangeAsked Download::whatToAsk() const {
+  RangeAsked asked;
+  const auto own = request_->valueForHTTPHeaderField("Range");
+  asked.hasOwnRange = own.has_value();
+  if (own) asked.own = parseRange(*own);
+  const bool readable = !own || asked.own;
+  if (!readable || !canBeContinued() || request_->HTTPMethod() != "GET") return asked;
+  asked.offset = static_cast<uint64_t>(content_.received);
+  asked.validator = content_.validator;
+  asked.expected = content_.expected;
+  if (content_.response) asked.total = completeLength(*content_.response);
+  return asked;
+}
+
+void Download::fail(const HttpOutcome& outcome) {
+  if (ended_) return;
+  outcome_ = outcome;
+  finish(End::Failed);
+}
+
+void Download::exchangeDidConnect() {
+  owner_.downloadDidConnect(*this);
+}
+
+bool Download::exchangeDidReceiveHead(HttpHead head) {
+  if (ended_) return false;
+  status_ = head.status;
+  if (isRetriedStatus(head.status)) {
+    const bool retried = owner_.downloadShouldRetryStatus(*this, head.headers);
+    if (retried || asked_.offset > 0) {
+      discarding_ = true;
+      end_ = End::Status;
+      return true;
+    }
+  }
+  switch (judgeResponse(asked_, head.status, head.headers)) {
+    case Verdict::Continue:
+      return beginContent(head, true);
+    case Verdict::StartOver:
+      return beginContent(head, false);
+    case Verdict::Whole:
+      presentWhole(head);
+      discarding_ = true;
+      end_ = End::Finished;
+      return true;
+    case Verdict::FromZero:
+      discarding_ = true;
+      end_ = End::FromZero;
+      return true;
+    case Verdict::Bad:
+      break;
+  }
+  outcome_ = {URLErrorBadServerResponse, false,
+              "the part that was sent is not the one asked for (status " +
+                  std::to_string(head.status) + ")"};
+  return stop(End::Failed);
+}
+
+bool Download::beginContent(HttpHead& head, bool continues) {
+  ++responses_;
+  base_ = continues ? content_.received : 0;
+  if (!openFile(continues)) return stop(End::Disk);
+  if (!continues) {
+    content_.received = 0;
+    content_.synced = 0;
+    content_.expected = URLSessionTransferSizeUnknown;
+    content_.reportDue = true;
+    // Of a coded body the decoded bytes count, which no range can name.
+    const bool coded = hasContentCoding(head.headers);
+    const bool complete = head.status == 200 || head.status == 206;
+    content_.validator = complete && !coded ? strongValidator(head.headers) : std::string();
+  }
+  setExpected(head);
+  content_.response = std::make_shared<const HTTPURLResponse>(
+      head.url, head.status, std::move(head.headers), content_.expected);
+  touched_ = true;
+  owner_.downloadDidReceive(*this);
+  return true;
+}
+
+bool Download::openFile(bool continues) {
+  if (continues) {
+    diskError_ = files_.openForAppend(content_.file, fd_);
+    return diskError_ == 0;
+  }
+  const PartialName old = content_.file;
+  ++content_.file.generation;
+  diskError_ = files_.create(content_.file, fd_);
+  if (old.generation > 0) files_.remove(old);
+  return diskError_ == 0;
+}
+
+void Download::setExpected(const HttpHead& head) {
+  if (hasNoBody(request_->HTTPMethod(), head.status)) {
+    content_.expected = 0;
+    return;
+  }
+  if (hasContentCoding(head.headers)) return;
+  auto length = contentLength(head.headers);
+  if (head.status == 206) {
+    const auto value = head.headers.get("Content-Range");
+    const auto content = value ? parseContentRange(*value) : std::nullopt;
+    if (content && content->range) {
+      length = static_cast<int64_t>(*content->range->last - content->range->first + 1);
+    }
+  }
+  if (length) content_.expected = base_ + *length;
+}
+
+// A 416 to a file that lacks nothing: the response of its bytes, as if its last part had come.
+void Download::presentWhole(const HttpHead& head) {
+  ++responses_;
+  base_ = content_.received;
+  content_.expected = content_.received;
+  const auto& known = content_.response;
+  content_.response = std::make_shared<const HTTPURLResponse>(
+      head.url, 206, known ? known->allHeaderFields() : head.headers, content_.expected);
+}
+
+bool Download::exchangeDidReceiveBody(const char* bytes, size_t count) {
+  if (ended_) return false;
+  if (discarding_) {
+    discarded_ += static_cast<int64_t>(count);
+    return discarded_ <= kMaximumDiscarded || stop(end_);
+  }
+  const auto length = static_cast<int64_t>(count);
+  if (content_.expected >= 0 && content_.received + length > content_.expected) {
+    outcome_ = {URLErrorBadServerResponse, false, "more bytes than announced"};
+    return stop(End::Failed);
+  }
+  size_t written = 0;
+  diskError_ = PartialFiles::write(fd_.get(), bytes, count, content_.received, written);
+  content_.received += static_cast<int64_t>(written);
+  if (!touched_) {
+    touched_ = true;
+    owner_.downloadDidReceive(*this);
+  }
+  return diskError_ == 0 || stop(End::Disk);
+}
+
+// Ends the exchange; exchangeDidComplete follows.
+bool Download::stop(End end) {
+  end_ = end;
+  discarding_ = true;
+  return false;
+}
+
+void Download::exchangeDidComplete(const HttpOutcome& outcome) {
+  if (ended_) return;
+  if (discarding_) return finish(end_);
+  if (!outcome.succeeded()) {
+    outcome_ = outcome;
+    return finish(End::Failed);
+  }
+  if (content_.expected >= 0 && content_.received < content_.expected) {
+    outcome_ = {URLErrorNetworkConnectionLost, true,
+                std::to_string(content_.expected - content_.received) + " bytes are missing"};
+    return finish(End::Failed);
+  }
+  content_.expected = content_.received;
+  finish(End::Finished);
+}
+
+void Download::finish(End end) {
+  if (ended_) return;
+  ended_ = true;
+  end_ = end;
+  // Some file systems tell only now that a write failed.
+  if (const int error = fd_.close(); error != 0 && end == End::Finished) {
+    diskError_ = error;
+    end_ = End::Disk;
+  }
+  owner_.downloadDidEnd(*this);
+}
+
+}  // namespace platform

@@ -1,0 +1,121 @@
+#include "platform/transfer/PartialFiles.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <charconv>
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include "platform/Exception.h"
+#include "platform/FileManager.h"
+
+namespace platform {
+namespace {
+
+std::atomic<bool> hasHook{false};
+PartialFiles::Hook& hook() {
+  static PartialFiles::Hook instance;
+  return instance;
+}
+
+int fault(const char* operation) {
+  return hasHook.load(std::memory_order_acquire) ? hook()(operation) : 0;
+}
+
+std::optional<PartialName> parseName(std::string_view text) {
+  PartialName name;
+  const char* const end = text.data() + text.size();
+  const auto owner = std::from_chars(text.data(), end, name.owner);
+  if (owner.ec != std::errc() || owner.ptr == end || *owner.ptr != '.') return std::nullopt;
+  const auto generation = std::from_chars(owner.ptr + 1, end, name.generation);
+  if (generation.ec != std::errc() || generation.ptr != end) return std::nullopt;
+  return name;
+}
+
+}  // namespace
+
+PartialFiles::PartialFiles(std::string directory) : directory_(std::move(directory)) {
+  const auto error = FileManager::defaultManager().createDirectoryWithIntermediates(directory_);
+  if (error) throw Exception("NSURLSessionException", error->localizedDescription());
+  ::chmod(directory_.c_str(), 0700);
+}
+
+std::string PartialFiles::path(const PartialName& name) const {
+  return directory_ + "/" + std::to_string(name.owner) + "." + std::to_string(name.generation);
+}
+
+int PartialFiles::create(const PartialName& name, FileDescriptor& fd) const {
+  if (const int error = fault("create")) return error;
+  const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW;
+  fd.reset(::open(path(name).c_str(), flags, 0600));
+  return fd ? 0 : errno;
+}
+
+int PartialFiles::openForAppend(const PartialName& name, FileDescriptor& fd) const {
+  fd.reset(::open(path(name).c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
+  return fd ? 0 : errno;
+}
+
+int64_t PartialFiles::size(const PartialName& name) const {
+  struct stat status {};
+  if (::lstat(path(name).c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return -1;
+  return status.st_size;
+}
+
+int PartialFiles::truncate(const PartialName& name, int64_t length) const {
+  if (const int error = fault("truncate")) return error;
+  return ::truncate(path(name).c_str(), length) == 0 ? 0 : errno;
+}
+
+void PartialFiles::remove(const PartialName& name) const {
+  if (fault("remove") == 0) ::unlink(path(name).c_str());
+}
+
+size_t PartialFiles::removeAllBut(const std::vector<PartialName>& kept) const {
+  const auto entries = FileManager::defaultManager().contentsOfDirectory(directory_);
+  if (!entries) return 0;
+  size_t removed = 0;
+  for (const auto& entry : *entries) {
+    const auto name = parseName(entry.name);
+    if (name && std::find(kept.begin(), kept.end(), *name) != kept.end()) continue;
+    if (entry.isDirectory || fault("remove") != 0) continue;
+    if (::unlink((directory_ + "/" + entry.name).c_str()) == 0) ++removed;
+  }
+  return removed;
+}
+
+int64_t PartialFiles::freeBytes() const {
+  struct statvfs status {};
+  if (::statvfs(directory_.c_str(), &status) != 0) return -1;
+  return static_cast<int64_t>(status.f_bavail) * static_cast<int64_t>(status.f_frsize);
+}
+
+int PartialFiles::write(int fd, const char* bytes, size_t count, int64_t offset, size_t& written) {
+  written = 0;
+  if (const int error = fault("write")) return error;
+  while (written < count) {
+    const auto done =
+        ::pwrite(fd, bytes + written, count - written, offset + static_cast<int64_t>(written));
+    if (done < 0 && errno == EINTR) continue;
+    if (done < 0) return errno;
+    if (done == 0) return EIO;
+    written += static_cast<size_t>(done);
+  }
+  return 0;
+}
+
+void PartialFiles::setHook(Hook next) {
+  hasHook.store(false);
+  hook() = std::move(next);
+  hasHook.store(static_cast<bool>(hook()), std::memory_order_release);
+}
+
+}  // namespace platform

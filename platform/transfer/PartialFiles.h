@@ -1,0 +1,54 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "platform/FileDescriptor.h"
+
+namespace platform {
+
+// Names one file of a session's directory of partial files. Every response that starts over gets a
+// generation of its own, so that the bytes of two responses never meet in one file.
+struct PartialName {
+  uint64_t owner = 0;  // the task that it was made for
+  uint64_t generation = 0;
+
+  bool operator==(const PartialName&) const = default;
+};
+
+// The directory of partial files of one session (mode 0700, files 0600). Calls return 0 or an
+// errno. Thread-safe.
+class PartialFiles {
+ public:
+  // Throws platform::Exception "NSURLSessionException" when the directory cannot be made.
+  explicit PartialFiles(std::string directory);
+
+  const std::string& directory() const { return directory_; }
+  std::string path(const PartialName& name) const;
+
+  // A new, empty file; what lay there is replaced.
+  int create(const PartialName& name, FileDescriptor& fd) const;
+  int openForAppend(const PartialName& name, FileDescriptor& fd) const;
+  int64_t size(const PartialName& name) const;  // -1: there is none
+  int truncate(const PartialName& name, int64_t length) const;
+  void remove(const PartialName& name) const;
+  // Removes every file that is not among `kept`; returns how many there were.
+  size_t removeAllBut(const std::vector<PartialName>& kept) const;
+  // Bytes that may still be written, -1 when that is not known.
+  int64_t freeBytes() const;
+
+  // Writes all at `offset`; returns 0 or an errno and how much was written.
+  static int write(int fd, const char* bytes, size_t count, int64_t offset, size_t& written);
+
+  // For tests: asked before every operation that changes a file; a result other than 0 is the errno
+  // that the operation fails with. Null removes it.
+  using Hook = std::function<int(const char* operation)>;
+  static void setHook(Hook hook);
+
+ private:
+  const std::string directory_;
+};
+
+}  // namespace platform

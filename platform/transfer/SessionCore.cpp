@@ -1,0 +1,325 @@
+#include "platform/transfer/SessionCore.h"
+
+#include <utility>
+
+#include "platform/Log.h"
+#include "platform/transfer/ThreadSetup.h"
+#include "platform/transfer/TransferTask.h"
+
+namespace platform {
+namespace {
+
+// Runs a call of the application's; what it throws ends here.
+template <class Function>
+void guarded(const char* name, const Function& function) {
+  try {
+    function();
+  } catch (...) {
+    logError(std::string(name) + ": " + describeCurrentException());
+  }
+}
+
+ErrorPtr withResumeData(const ErrorPtr& error, const DataPtr& data) {
+  Dictionary info = error->userInfo();
+  info[NSURLSessionDownloadTaskResumeData] = data;
+  return Error::errorWithDomain(error->domain(), error->code(), std::move(info));
+}
+
+}  // namespace
+
+SessionCore::SessionCore(std::unique_ptr<TransferBackend> backend,
+                         std::weak_ptr<URLSessionDelegate> delegate)
+    : backend_(std::move(backend)), delegate_(std::move(delegate)) {}
+
+SessionCore::~SessionCore() = default;
+
+void SessionCore::open(std::weak_ptr<URLSession> session) {
+  session_ = std::move(session);
+  MutexLock lock(mutex_);
+  for (const auto& info : backend_->tasks())
+    tasks_.emplace(info.id, std::make_shared<TransferTask>(info, weak_from_this()));
+}
+
+void SessionCore::start() {
+  MutexLock submitLock(submitMutex_);
+  {
+    MutexLock lock(mutex_);
+    if (started_ || stop_) return;
+    started_ = true;
+  }
+  held_ = backend_->start([weak = weak_from_this()](std::vector<TransferEvent>&& events) {
+    if (const auto core = weak.lock()) core->receive(std::move(events));
+  });
+  // Now nothing is missed: the thread keeps what it needs.
+  thread_ = startThread("qn-delegate", [self = shared_from_this()] { self->run(); });
+}
+
+void SessionCore::close() {
+  {
+    MutexLock lock(mutex_);
+    stop_ = true;
+    changed_.notify_all();
+  }
+  backend_->close();
+  MutexLock submitLock(submitMutex_);
+  if (!thread_.joinable()) return;
+  if (thread_.get_id() == std::this_thread::get_id()) {
+    thread_.detach();
+  } else {
+    thread_.join();
+  }
+}
+
+std::shared_ptr<URLSessionDownloadTask> SessionCore::makeTask(TransferCall create) {
+  create.task = backend_->nextIdentifier();
+  TransferTaskInfo info;
+  info.id = create.task;
+  info.request = create.request;
+  const auto task = std::make_shared<TransferTask>(info, weak_from_this());
+  call(*task, std::move(create), [] { return true; });
+  return task;
+}
+
+void SessionCore::call(TransferTask& task, TransferCall call, const std::function<bool()>& act) {
+  const bool own = threadId_.load() == std::this_thread::get_id();
+  TransferBatch batch;
+  // Inside a callback the batch of it is open, and nothing has to be waited for.
+  std::unique_lock<std::mutex> submitLock(submitMutex_.native(), std::defer_lock);
+  if (!own) submitLock.lock();
+  {
+    MutexLock lock(mutex_);
+    {
+      MutexLock taskLock(task.mutex_);
+      if (!act()) return;
+    }
+    if (call.kind == TransferCall::Kind::Create) tasks_.emplace(task.id_, task.shared_from_this());
+    if (inCallback_ && (own || task.inBatch_)) {
+      if (!task.inBatch_) inBatch_.push_back(task.shared_from_this());
+      task.inBatch_ = true;
+      collected_.push_back(std::move(call));
+      return;
+    }
+    batch.push_back(std::move(call));
+  }
+  backend_->submit(batch, TransferBackend::Durability::Now);
+}
+
+URLSession::Tasks SessionCore::_tasks() const {
+  URLSession::Tasks tasks;
+  for (const auto& [id, task] : tasks_)
+    tasks.push_back(task);
+  return tasks;
+}
+
+void SessionCore::getTasks(std::function<void(const URLSession::Tasks&)> completion) {
+  URLSession::Tasks tasks;
+  {
+    MutexLock lock(mutex_);
+    if (asked_) {
+      Item item;
+      item.block = [this, completion = std::move(completion)] {
+        URLSession::Tasks now;
+        {
+          MutexLock innerLock(mutex_);
+          now = _tasks();
+        }
+        if (completion) completion(now);
+      };
+      return _push(std::move(item));
+    }
+    asked_ = true;
+    tasks = _tasks();
+  }
+  guarded("Completion of the session's tasks", [&] {
+    if (completion) completion(tasks);
+  });
+  start();
+}
+
+// --- From the backend ---------------------------------------------------------------------------
+
+void SessionCore::receive(std::vector<TransferEvent>&& events) {
+  MutexLock lock(mutex_);
+  for (auto& event : events)
+    _receive(std::move(event));
+}
+
+void SessionCore::_receive(TransferEvent&& event) {
+  const auto found = tasks_.find(event.task);
+  if (found == tasks_.end()) return;
+  const auto task = found->second;
+  const bool isEnd =
+      event.kind == TransferEvent::Kind::Finished || event.kind == TransferEvent::Kind::Failed;
+  {
+    MutexLock taskLock(task->mutex_);
+    task->wait_ =
+        event.kind == TransferEvent::Kind::Waiting ? event.wait : URLSessionTaskWaitReason{};
+    task->retryAtMs_ = event.retryAtMs;
+    if (event.kind == TransferEvent::Kind::Waiting) return;
+    if (event.response) task->response_ = event.response;
+    if (event.kind != TransferEvent::Kind::Failed) {
+      task->received_ = event.received;
+      task->expected_ = event.expected;
+    }
+  }
+  // A finished file that was then cancelled is followed by its cancellation.
+  const bool repeated = task->ended_ && event.kind != TransferEvent::Kind::Failed;
+  if (repeated) return;
+  if (!isEnd) {
+    const bool queued = task->progress_.has_value();
+    task->progress_ = std::move(event);
+    if (queued) return;
+    return _push({task, {}, nullptr});
+  }
+  task->progress_.reset();
+  task->ended_ = true;
+  _push({task, std::move(event), nullptr});
+}
+
+void SessionCore::_push(Item item) {
+  queue_.push_back(std::move(item));
+  if (queue_.size() == 1) changed_.notify_one();
+}
+
+// --- The delegate's thread ----------------------------------------------------------------------
+
+void SessionCore::run() {
+  threadId_.store(std::this_thread::get_id());
+  Item item;
+  while (take(item)) {
+    // Keeps the session for the time of the calls; it may be the last one to do so, and then the
+    // session is closed here.
+    const auto session = session_.lock();
+    if (!session) return;
+    deliver(item, session);
+    item = {};
+  }
+}
+
+bool SessionCore::take(Item& item) {
+  MutexLock lock(mutex_);
+  std::unique_lock<std::mutex> native(mutex_.native(), std::adopt_lock);
+  while (queue_.empty() && !stop_)
+    changed_.wait(native);
+  native.release();
+  if (stop_) return false;
+  item = std::move(queue_.front());
+  queue_.pop_front();
+  inCallback_ = true;
+  return true;
+}
+
+void SessionCore::deliver(Item& item, const std::shared_ptr<URLSession>& session) {
+  if (!item.task) {
+    guarded("Completion of the session's tasks", item.block);
+    return finishBatch(nullptr);
+  }
+  const bool isEnd = item.event.task != 0;
+  const auto delegate = delegate_.lock();
+  bool acknowledged = false;
+  if (delegate && isEnd) acknowledged = deliverEnd(*item.task, item.event, session, *delegate);
+  if (delegate && !isEnd) deliverProgress(*item.task, session, *delegate);
+  finishBatch(acknowledged ? item.task.get() : nullptr);
+  if (item.event.held && delegate) countHeld(session);
+}
+
+void SessionCore::deliverProgress(TransferTask& task, const std::shared_ptr<URLSession>& session,
+                                  URLSessionDelegate& delegate) {
+  std::optional<TransferEvent> event;
+  {
+    MutexLock lock(mutex_);
+    event.swap(task.progress_);
+  }
+  if (event) static_cast<void>(deliverReport(task, *event, session, delegate));
+}
+
+// False when the task is not to be told about any more.
+bool SessionCore::deliverReport(TransferTask& task, const TransferEvent& event,
+                                const std::shared_ptr<URLSession>& session,
+                                URLSessionDelegate& delegate) {
+  const auto wanted = [&task] {
+    const auto state = task.state();
+    return state == URLSessionTaskState::Running || state == URLSessionTaskState::Suspended;
+  };
+  if (!wanted()) return false;
+  const bool isNew = !task.reported_ || task.reportedResponse_ != event.responseNumber;
+  if (isNew) task.reportedBytes_ = event.base;
+  if (!isNew && task.reportedBytes_ == event.received) return true;
+  task.reported_ = true;
+  task.reportedResponse_ = event.responseNumber;
+  const int64_t written = event.received - std::exchange(task.reportedBytes_, event.received);
+  guarded("URLSessionDownloadTaskDidWriteData", [&] {
+    delegate.URLSessionDownloadTaskDidWriteData(session, task.shared_from_this(), written,
+                                                event.received, event.expected);
+  });
+  return wanted();
+}
+
+// True when the event counts as delivered.
+bool SessionCore::deliverEnd(TransferTask& task, const TransferEvent& event,
+                             const std::shared_ptr<URLSession>& session,
+                             URLSessionDelegate& delegate) {
+  const bool finished = event.kind == TransferEvent::Kind::Finished;
+  if (finished && !deliverReport(task, event, session, delegate)) return false;
+  ErrorPtr error = event.error;
+  if (!event.resumeToken.empty()) {
+    error = withResumeData(error, makeResumeData(task, event.resumeToken));
+  }
+  {
+    MutexLock lock(mutex_);
+    MutexLock taskLock(task.mutex_);
+    if (finished && task.state_ == URLSessionTaskState::Canceling) return false;
+    if (task.state_ == URLSessionTaskState::Completed) return false;
+    task.state_ = URLSessionTaskState::Completed;
+    task.error_ = error;
+    task.wait_ = {};
+  }
+  const auto pointer = task.shared_from_this();
+  if (finished) {
+    guarded("URLSessionDownloadTaskDidFinishDownloadingToURL", [&] {
+      delegate.URLSessionDownloadTaskDidFinishDownloadingToURL(session, pointer,
+                                                               URL::fileURLWithPath(event.path));
+    });
+  }
+  guarded("URLSessionTaskDidCompleteWithError",
+          [&] { delegate.URLSessionTaskDidCompleteWithError(session, pointer, error); });
+  return true;
+}
+
+// The delegate call has returned: what was said from inside it, and that it did, go to the backend
+// together.
+void SessionCore::finishBatch(const TransferTask* acknowledged) {
+  TransferBatch batch;
+  MutexLock submitLock(submitMutex_);
+  {
+    MutexLock lock(mutex_);
+    inCallback_ = false;
+    batch.swap(collected_);
+    for (const auto& task : inBatch_)
+      task->inBatch_ = false;
+    inBatch_.clear();
+    if (acknowledged) {
+      tasks_.erase(acknowledged->id_);
+      TransferCall call;
+      call.kind = TransferCall::Kind::Acknowledge;
+      call.task = acknowledged->id_;
+      batch.push_back(std::move(call));
+    }
+  }
+  if (!batch.empty()) backend_->submit(batch, TransferBackend::Durability::Soon);
+}
+
+void SessionCore::countHeld(const std::shared_ptr<URLSession>& session) {
+  if (held_ == 0 || --held_ > 0) return;
+  const auto delegate = delegate_.lock();
+  if (!delegate) return;
+  {
+    MutexLock lock(mutex_);
+    inCallback_ = true;
+  }
+  guarded("URLSessionDidFinishEventsForBackgroundURLSession",
+          [&] { delegate->URLSessionDidFinishEventsForBackgroundURLSession(session); });
+  finishBatch(nullptr);
+}
+
+}  // namespace platform

@@ -1,0 +1,111 @@
+#include "platform/transfer/StoreLock.h"
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include "platform/Exception.h"
+#include "platform/FileDescriptor.h"
+
+namespace platform {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kPause = std::chrono::milliseconds(20);
+
+// What a forked child has to close. flock belongs to the open file, which the child shares: it
+// would hold the store for as long as it lives. Slots, because the child may only do what a signal
+// handler may; a lock beyond them is merely not closed early.
+constexpr int kFree = -1;
+constexpr int kTaken = -2;
+std::array<std::atomic<int>, 256> heldLocks;
+
+void closeInChild() {
+  for (auto& slot : heldLocks) {
+    const int fd = slot.exchange(kFree);
+    if (fd >= 0) ::close(fd);
+  }
+}
+
+void watchForks() {
+  static const bool done = [] {
+    for (auto& slot : heldLocks)
+      slot.store(kFree);
+    pthread_atfork(nullptr, nullptr, &closeInChild);
+    return true;
+  }();
+  static_cast<void>(done);
+}
+
+void remember(int fd) {
+  for (auto& slot : heldLocks) {
+    int expected = kFree;
+    if (!slot.compare_exchange_strong(expected, kTaken)) continue;
+    slot.store(fd);
+    return;
+  }
+}
+
+void forget(int fd) {
+  for (auto& slot : heldLocks) {
+    int expected = fd;
+    if (slot.compare_exchange_strong(expected, kFree)) return;
+  }
+}
+
+[[noreturn]] void refuse(const std::string& reason) {
+  throw Exception("NSURLSessionException", reason);
+}
+
+std::string holderOf(int fd) {
+  std::array<char, 32> text{};
+  const auto count = ::pread(fd, text.data(), text.size() - 1, 0);
+  std::string holder(text.data(), count > 0 ? static_cast<size_t>(count) : 0);
+  holder.erase(holder.find_last_not_of(" \n") + 1);
+  return holder.empty() ? "another process" : "process " + holder;
+}
+
+void writeHolder(int fd) {
+  const std::string text = std::to_string(::getpid()) + "\n";
+  // For people and messages only: the claim is the lock.
+  static_cast<void>(!::ftruncate(fd, 0));
+  static_cast<void>(!::pwrite(fd, text.data(), text.size(), 0));
+}
+
+}  // namespace
+
+StoreLock::StoreLock(const std::string& directory, const std::string& identifier, int waitMs) {
+  watchForks();
+  const std::string path = directory + "/lock";
+  FileDescriptor fd(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+  if (!fd) refuse("The lock " + path + " cannot be opened: " + std::strerror(errno));
+
+  const auto deadline = Clock::now() + std::chrono::milliseconds(waitMs);
+  while (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
+    if (errno == EINTR) continue;
+    if (errno != EWOULDBLOCK) refuse("The lock " + path + " failed: " + std::strerror(errno));
+    if (Clock::now() >= deadline) {
+      refuse("The session \"" + identifier + "\" is held by " + holderOf(fd.get()));
+    }
+    std::this_thread::sleep_for(kPause);
+  }
+  writeHolder(fd.get());
+  fd_ = fd.release();
+  remember(fd_);
+}
+
+StoreLock::~StoreLock() {
+  forget(fd_);
+  ::close(fd_);
+}
+
+}  // namespace platform

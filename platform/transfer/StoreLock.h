@@ -1,0 +1,24 @@
+#pragma once
+
+#include <string>
+
+namespace platform {
+
+// The claim of one session object on a store directory: flock on the file "lock" in it, which holds
+// the holder's process id. Closed on exec, and given up by a forked child, so that the claim ends
+// with this process.
+class StoreLock {
+ public:
+  // Waits for at most `waitMs` for another holder to go. Throws platform::Exception
+  // "NSURLSessionException" that names holder and identifier when it does not, or the file when it
+  // cannot be made.
+  StoreLock(const std::string& directory, const std::string& identifier, int waitMs);
+  ~StoreLock();
+  StoreLock(const StoreLock&) = delete;
+  StoreLock& operator=(const StoreLock&) = delete;
+
+ private:
+  int fd_ = -1;
+};
+
+}  // namespace platform

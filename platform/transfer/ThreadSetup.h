@@ -1,0 +1,13 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <thread>
+
+namespace platform {
+
+// A thread that takes no signals (also no SIGPIPE, which TLS could cause), named for debuggers.
+// Throws std::system_error when there is none to be had.
+std::thread startThread(const std::string& name, std::function<void()> body);
+
+}  // namespace platform

@@ -1,0 +1,147 @@
+#include "platform/transfer/TransferEngine.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/transfer/CurlLoop.h"
+#include "platform/transfer/HttpExchange.h"
+#include "platform/transfer/ThreadSetup.h"
+#include "platform/transfer/TransferScheduler.h"
+
+namespace platform {
+namespace {
+
+constexpr int kLockWaitMs = 3'000;
+// Changes that need not be stored at once are stored together, so late at most.
+constexpr int64_t kCommitDelayMs = 10;
+
+std::unique_ptr<TransferStore> openStore(const TransferLocation& location) {
+  return std::make_unique<TransferStore>(location.storeDirectory, location.partialDirectory,
+                                         location.identifier, kLockWaitMs);
+}
+
+}  // namespace
+
+TransferBackend::~TransferBackend() = default;
+
+TransferEngine::TransferEngine(const TransferLocation& location, const TransferOptions& options,
+                               bool ephemeral, TransferClock& clock)
+    : clock_(clock),
+      ledger_(openStore(location), ephemeral),
+      loop_(std::make_unique<CurlLoop>(CurlLoop::Options{options.transfers, options.caFile},
+                                       &HttpExchange::done)),
+      scheduler_(std::make_unique<TransferScheduler>(ledger_, *loop_, clock, options)),
+      monitor_(NetworkMonitor::defaultMonitor()) {
+  ledger_.setNow([&clock] { return clock.nowMs(); });
+}
+
+TransferEngine::~TransferEngine() {
+  close();
+}
+
+std::vector<TransferTaskInfo> TransferEngine::tasks() {
+  return ledger_.tasks();
+}
+
+size_t TransferEngine::start(Sink sink) {
+  {
+    MutexLock lock(mutex_);
+    if (started_ || closed_) return 0;
+    started_ = true;
+    sink_ = std::make_shared<const Sink>(std::move(sink));
+    touched_ = ledger_.unfinished();
+  }
+  auto held = ledger_.heldEvents();
+  const size_t count = held.size();
+  tell(std::move(held));
+  watcher_ = monitor_.addWatcher([this] {
+    networkChanged_.store(true);
+    loop_->wake();
+  });
+  clock_.setMoved([this] { loop_->wake(); });
+  thread_ = startThread("qn-transfer", [this] { run(); });
+  return count;
+}
+
+TransferTaskId TransferEngine::nextIdentifier() {
+  return ledger_.nextIdentifier();
+}
+
+void TransferEngine::submit(const TransferBatch& batch, Durability durability) {
+  std::vector<TransferTaskId> touched;
+  std::vector<TransferEvent> events;
+  ledger_.submit(batch, touched, events);
+  if (durability == Durability::Now) ledger_.commit(events);
+  tell(std::move(events));
+  post(touched);
+}
+
+void TransferEngine::post(std::vector<TransferTaskId>& touched) {
+  {
+    MutexLock lock(mutex_);
+    touched_.insert(touched_.end(), touched.begin(), touched.end());
+  }
+  loop_->wake();
+}
+
+int64_t TransferEngine::millisecondsUntil(int64_t timeMs) const {
+  return std::max<int64_t>(0, timeMs - clock_.nowMs());
+}
+
+void TransferEngine::tell(std::vector<TransferEvent>&& events) {
+  if (events.empty()) return;
+  std::shared_ptr<const Sink> sink;
+  {
+    MutexLock lock(mutex_);
+    sink = sink_;
+  }
+  // Before there is one, the events stay in the ledger.
+  if (sink) (*sink)(std::move(events));
+}
+
+void TransferEngine::close() {
+  {
+    MutexLock lock(mutex_);
+    if (std::exchange(closed_, true)) return;
+    if (!started_) return;
+  }
+  monitor_.removeWatcher(watcher_);
+  clock_.setMoved(nullptr);
+  stop_.store(true);
+  loop_->wake();
+  thread_.join();
+}
+
+void TransferEngine::run() {
+  while (!stop_.load())
+    runRound();
+  scheduler_->stop();
+  std::vector<TransferEvent> untold;
+  ledger_.commit(untold);
+}
+
+void TransferEngine::runRound() {
+  std::vector<TransferTaskId> touched;
+  {
+    MutexLock lock(mutex_);
+    touched.swap(touched_);
+  }
+  if (networkChanged_.exchange(false)) scheduler_->setNetwork(monitor_.status());
+  for (const TransferTaskId id : touched)
+    scheduler_->taskChanged(id);
+  scheduler_->endRound();
+  auto events = scheduler_->takeEvents();
+  const int64_t since = ledger_.uncommittedSinceMs();
+  int64_t deadline = scheduler_->nextDeadlineMs();
+  if (since != kNeverMs) {
+    if (clock_.nowMs() >= since + kCommitDelayMs) {
+      ledger_.commit(events);
+    } else {
+      deadline = std::min(deadline, since + kCommitDelayMs);
+    }
+  }
+  tell(std::move(events));
+  loop_->run(clock_.millisecondsUntil(deadline));
+}
+
+}  // namespace platform

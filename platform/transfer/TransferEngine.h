@@ -1,0 +1,62 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "platform/Mutex.h"
+#include "platform/NetworkMonitor.h"
+#include "platform/transfer/TransferBackend.h"
+#include "platform/transfer/TransferClock.h"
+#include "platform/transfer/TransferLedger.h"
+#include "platform/transfer/TransferOptions.h"
+
+namespace platform {
+
+class CurlLoop;
+class TransferScheduler;
+
+// Transfers the tasks of one store: one thread, one curl_multi. It knows nothing of the objects
+// that an application holds, so that it serves a front in its own process or one behind a socket
+// alike.
+class TransferEngine final : public TransferBackend {
+ public:
+  // Opens the store; throws as TransferStore does.
+  TransferEngine(const TransferLocation& location, const TransferOptions& options, bool ephemeral,
+                 TransferClock& clock = TransferClock::systemClock());
+  ~TransferEngine() override;  // closes
+
+  std::vector<TransferTaskInfo> tasks() override;
+  size_t start(Sink sink) override;
+  TransferTaskId nextIdentifier() override;
+  void submit(const TransferBatch& batch, Durability durability) override;
+  int64_t millisecondsUntil(int64_t timeMs) const override;
+  void close() override;
+
+  bool stateWasLost() const { return ledger_.stateWasLost(); }
+
+ private:
+  void run();
+  void runRound();
+  void tell(std::vector<TransferEvent>&& events);
+  void post(std::vector<TransferTaskId>& touched);
+
+  TransferClock& clock_;
+  TransferLedger ledger_;
+  const std::unique_ptr<CurlLoop> loop_;
+  const std::unique_ptr<TransferScheduler> scheduler_;  // of the thread
+
+  Mutex mutex_;
+  std::shared_ptr<const Sink> sink_ GUARDED_BY(mutex_);
+  std::vector<TransferTaskId> touched_ GUARDED_BY(mutex_);
+  bool started_ GUARDED_BY(mutex_) = false;
+  bool closed_ GUARDED_BY(mutex_) = false;
+  std::thread thread_;  // set by start(), joined by close()
+  std::atomic<bool> stop_{false};
+  std::atomic<bool> networkChanged_{true};
+  NetworkMonitor& monitor_;
+  NetworkMonitor::Watcher watcher_ = 0;
+};
+
+}  // namespace platform

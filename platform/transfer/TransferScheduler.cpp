@@ -1,0 +1,569 @@
+#include "platform/transfer/TransferScheduler.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <tuple>
+#include <utility>
+
+#include "platform/transfer/CurlLoop.h"
+
+namespace platform {
+namespace {
+
+constexpr int64_t kReportIntervalMs = 100;
+// A suspended transfer keeps its connection for so long.
+constexpr int64_t kGraceMs = 5'000;
+constexpr int64_t kRoomCheckMs = 2'000;
+constexpr int64_t kRoomWanted = 4 << 20;
+// What is known of a response is stored once it is worth something; a shorter file is soon whole.
+constexpr int64_t kWorthStoring = 64 << 10;
+
+bool isFull(int error) {
+  return error == ENOSPC || error == EDQUOT;
+}
+
+}  // namespace
+
+TransferScheduler::TransferScheduler(TransferLedger& ledger, CurlLoop& loop, TransferClock& clock,
+                                     const TransferOptions& options)
+    : ledger_(ledger),
+      loop_(loop),
+      clock_(clock),
+      options_(options),
+      random_(std::random_device{}()) {}
+
+TransferScheduler::~TransferScheduler() = default;
+
+// --- Jobs ---------------------------------------------------------------------------------------
+
+TransferScheduler::Job* TransferScheduler::find(TransferTaskId id) {
+  const auto found = jobs_.find(id);
+  return found == jobs_.end() ? nullptr : found->second.get();
+}
+
+void TransferScheduler::taskChanged(TransferTaskId id) {
+  const auto record = ledger_.unfinishedTask(id);
+  Job* const job = find(id);
+  if (!record) {
+    if (!job) return;
+    stopDownload(*job);
+    if (job->content.file.generation > 0) ledger_.files().remove(job->content.file);
+    return removeJob(*job);
+  }
+  if (!record->running) {
+    if (job) suspend(*job);
+    return;
+  }
+  if (!job) {
+    Job& added = addJob(*record);
+    const int64_t wait = record->effort.retryAtBootMs - clock_.bootMs();
+    if (wait <= 0) return enqueue(added);
+    added.state = State::Retrying;
+    added.untilMs = now() + wait;
+    setTrying(added, true);
+    wakeLater(added.untilMs);
+    tellWait(added, URLSessionTaskWait::Retry, added.untilMs);
+  } else if (job->state == State::Graced) {
+    job->state = State::Active;
+    ++active_;
+    ++job->host->active;
+    job->activeAtMs = now();
+    nextTimeoutMs_ = std::min(nextTimeoutMs_, now());
+    setTrying(*job, true);
+    tellWait(*job, URLSessionTaskWait::None);
+    job->download->unpause();
+  }
+}
+
+TransferScheduler::Job& TransferScheduler::addJob(const TransferRecord& record) {
+  auto job = std::make_unique<Job>();
+  job->id = record.id;
+  job->request = record.request;
+  job->content = record.content;
+  job->effort = record.effort;
+  job->clock = StallClock(record.effort.stalledMs);
+  const URLPtr url = record.request->url();
+  job->hostName = url ? url->origin() : "";
+  auto& host = hosts_[job->hostName];
+  if (!host) host = std::make_unique<Host>();
+  job->host = host.get();
+  ++host->jobs;
+  Job& added = *job;
+  jobs_[record.id] = std::move(job);
+  return added;
+}
+
+// The caller has ended the download, or is called by its end.
+void TransferScheduler::removeJob(Job& job) {
+  leaveQueue(job);
+  leaveActive(job);
+  setTrying(job, false);
+  Host& host = *job.host;
+  // A host in trouble stays known for as long as that matters.
+  if (--host.jobs == 0 && host.health.failures() == 0) hosts_.erase(job.hostName);
+  const TransferTaskId id = job.id;
+  jobs_.erase(id);
+}
+
+void TransferScheduler::suspend(Job& job) {
+  if (job.state == State::Graced) return;
+  tellWait(job, URLSessionTaskWait::Suspended);
+  if (job.state == State::Active && job.download && job.download->responses() > 0) {
+    job.download->pause();
+    leaveActive(job);
+    setTrying(job, false);
+    job.state = State::Graced;
+    job.untilMs = now() + kGraceMs;
+    return wakeLater(job.untilMs);
+  }
+  park(job);
+}
+
+// What the ledger knows is enough to go on from.
+void TransferScheduler::park(Job& job) {
+  stopDownload(job);
+  job.effort.stalledMs = job.clock.elapsed(now());
+  job.effort.wait = URLSessionTaskWait::Suspended;
+  static_cast<void>(ledger_.setContent(job.id, job.content, job.effort));
+  removeJob(job);
+}
+
+void TransferScheduler::setTrying(Job& job, bool trying) {
+  if (job.trying == trying) return;
+  job.trying = trying;
+  if (trying) {
+    job.clock.start(now());
+    job.host->health.taskStarted(now());
+  } else {
+    job.clock.stop(now());
+    job.host->health.taskStopped(now());
+  }
+}
+
+// Ends the attempt without a word, keeping what is there.
+void TransferScheduler::stopDownload(Job& job) {
+  if (!job.download) return;
+  job.content = job.download->content();
+  job.download.reset();
+  std::erase(ended_, job.id);
+  std::erase(touched_, job.id);
+}
+
+// --- Queue --------------------------------------------------------------------------------------
+
+void TransferScheduler::enqueue(Job& job, bool first) {
+  job.state = State::Queued;
+  if (first) {
+    job.host->queue.push_front(job.id);
+  } else {
+    job.host->queue.push_back(job.id);
+  }
+  newlyQueued_.push_back(job.id);
+}
+
+void TransferScheduler::leaveQueue(Job& job) {
+  if (job.state == State::Queued) std::erase(job.host->queue, job.id);
+}
+
+void TransferScheduler::leaveActive(Job& job) {
+  if (job.state != State::Active) return;
+  --active_;
+  --job.host->active;
+}
+
+URLSessionTaskWait TransferScheduler::networkWait() const {
+  if (!network_.reachable) return URLSessionTaskWait::Network;
+  const bool refused = !options_.allowsCellularAccess || options_.discretionary;
+  return network_.metered && refused ? URLSessionTaskWait::Metered : URLSessionTaskWait::None;
+}
+
+void TransferScheduler::setNetwork(const NetworkStatus& status) {
+  if (status == network_) return;
+  network_ = status;
+  tellAllQueued_ = true;
+  if (networkWait() != URLSessionTaskWait::Metered) return;
+  for (const auto& [id, job] : jobs_) {
+    if (job->state != State::Active) continue;
+    stopDownload(*job);
+    leaveActive(*job);
+    setTrying(*job, false);
+    enqueue(*job, true);
+  }
+}
+
+void TransferScheduler::startQueued() {
+  if (networkWait() != URLSessionTaskWait::None) return;
+  bool started = true;
+  while (started && active_ < options_.transfers) {
+    started = false;
+    for (const auto& [name, host] : hosts_)
+      started |= active_ < options_.transfers && startNextOf(*host);
+  }
+}
+
+bool TransferScheduler::startNextOf(Host& host) {
+  if (host.queue.empty() || host.active >= options_.connectionsPerHost) return false;
+  if (host.health.retryAtMs() > now()) {
+    wakeLater(host.health.retryAtMs());
+    return false;
+  }
+  Job* const job = find(host.queue.front());
+  host.queue.pop_front();
+  if (job) startDownload(*job);
+  return true;
+}
+
+void TransferScheduler::startDownload(Job& job) {
+  job.state = State::Active;
+  ++active_;
+  ++job.host->active;
+  setTrying(job, true);
+  tellWait(job, URLSessionTaskWait::None);
+  job.connected = false;
+  job.responsesSeen = 0;
+  job.contentStored = false;
+  job.activeAtMs = now();
+  job.retryDelayMs = -1;
+  nextTimeoutMs_ = std::min(nextTimeoutMs_, now() + options_.connectTimeoutMs);
+  job.download = std::make_unique<Download>(job.id, job.request, std::move(job.content),
+                                            ledger_.files(), loop_, *this);
+  job.download->start();
+}
+
+// --- What a download tells ----------------------------------------------------------------------
+
+void TransferScheduler::downloadDidConnect(Download& download) {
+  Job* const job = find(download.task());
+  if (!job) return;
+  job->connected = true;
+  job->activeAtMs = now();
+  nextTimeoutMs_ = std::min(nextTimeoutMs_, now() + options_.stallTimeoutMs);
+}
+
+void TransferScheduler::downloadDidReceive(Download& download) {
+  touched_.push_back(download.task());
+}
+
+bool TransferScheduler::downloadShouldRetryStatus(Download& download, const HTTPHeaders& headers) {
+  Job* const job = find(download.task());
+  if (!job) return false;
+  const auto asked = retryAfterSeconds(headers, clock_.wallSeconds());
+  const auto delay = retryDelay(*job, asked);
+  job->retryDelayMs = delay.value_or(-1);
+  job->holdHost = asked && download.status() == 429;
+  return delay.has_value();
+}
+
+void TransferScheduler::downloadDidEnd(Download& download) {
+  ended_.push_back(download.task());
+}
+
+// --- After a round ------------------------------------------------------------------------------
+
+void TransferScheduler::endRound() {
+  takeTouched();
+  takeEnded();
+  runTimers();
+  checkTimeouts();
+  takeEnded();
+  startQueued();
+  takeEnded();  // what could not even be asked for
+  commitEndings();
+  report();
+  tellQueued();
+}
+
+void TransferScheduler::takeTouched() {
+  for (const TransferTaskId id : touched_) {
+    Job* const job = find(id);
+    if (!job || !job->download) continue;
+    Download& download = *job->download;
+    download.takeTouched();
+    job->activeAtMs = now();
+    noteResponse(*job);
+    const auto& content = download.content();
+    if (content.received > job->effort.furthest) {
+      job->effort.furthest = content.received;
+      job->effort.attempts = 0;
+      job->diskFullSinceMs = -1;
+      job->clock.reset(now());
+      if (job->host->health.retryAtMs() != 0) tellAllQueued_ = true;
+      job->host->health.madeProgress(now());
+    }
+    if (!job->contentStored && content.received >= kWorthStoring) {
+      job->contentStored = ledger_.setContent(id, content, job->effort);
+    }
+    if (!job->reportDirty) unreported_.push_back(id);
+    job->reportDirty = true;
+  }
+  touched_.clear();
+}
+
+// A response that was not seen before gets the next number.
+void TransferScheduler::noteResponse(Job& job) {
+  if (job.download->responses() == job.responsesSeen) return;
+  job.responsesSeen = job.download->responses();
+  ++job.responseNumber;
+  job.base = job.download->content().reportDue ? 0 : job.download->base();
+}
+
+void TransferScheduler::takeEnded() {
+  std::vector<TransferTaskId> ended;
+  ended.swap(ended_);
+  for (const TransferTaskId id : ended) {
+    Job* const job = find(id);
+    if (!job || !job->download) continue;
+    if (job->state == State::Graced) {
+      park(*job);  // whatever it was: it is looked at again when the task is resumed
+    } else {
+      takeEnd(*job);
+    }
+  }
+}
+
+void TransferScheduler::takeEnd(Job& job) {
+  noteResponse(job);
+  const std::unique_ptr<Download> download = std::move(job.download);
+  job.content = download->content();
+  switch (download->end()) {
+    case Download::End::Finished:
+      return endJob(job, nullptr, false);
+    case Download::End::FromZero:
+      job.content.received = 0;
+      job.content.synced = 0;
+      job.content.validator.clear();
+      leaveActive(job);
+      setTrying(job, false);
+      return enqueue(job, true);
+    case Download::End::Disk:
+      if (isFull(download->diskError())) return waitForRoom(job);
+      return endJob(job,
+                    Error::errorWithErrno(download->diskError(), "write",
+                                          ledger_.files().path(job.content.file)),
+                    false);
+    case Download::End::Status:
+      if (job.retryDelayMs >= 0) return retry(job, job.retryDelayMs, job.holdHost);
+      return failJob(job, {URLErrorNetworkConnectionLost, false, "the server is unavailable"},
+                     download->status());
+    case Download::End::Failed:
+      break;
+  }
+  const auto& outcome = download->outcome();
+  if (!outcome.retriable) return failJob(job, outcome, 0);
+  if (const auto delay = retryDelay(job, std::nullopt)) return retry(job, *delay, false);
+  failJob(job, outcome, 0);
+}
+
+// How long to wait for the next attempt; nullopt when there is to be none.
+std::optional<int64_t> TransferScheduler::retryDelay(Job& job,
+                                                     std::optional<int64_t> askedSeconds) {
+  const int64_t stalled = std::max(job.clock.elapsed(now()), job.host->health.stalledMs(now()));
+  const int64_t left = options_.retryBoundMs - stalled;
+  if (left <= 0) return std::nullopt;
+  if (!askedSeconds) return std::min(left, backOffMs(job.effort.attempts + 1, random()));
+  if (*askedSeconds > left / 1000) return std::nullopt;
+  return *askedSeconds * 1000;
+}
+
+void TransferScheduler::retry(Job& job, int64_t delayMs, bool holdHost) {
+  leaveActive(job);
+  ++job.effort.attempts;
+  job.state = State::Retrying;
+  job.untilMs = now() + delayMs;
+  job.host->health.failed(job.untilMs, holdHost);
+  tellAllQueued_ = true;
+  wakeLater(job.untilMs);
+  tellWait(job, URLSessionTaskWait::Retry, job.untilMs);
+  TransferEffort effort = job.effort;
+  effort.stalledMs = job.clock.elapsed(now());
+  effort.retryAtBootMs = clock_.bootMs() + delayMs;
+  effort.wait = URLSessionTaskWait::Retry;
+  static_cast<void>(ledger_.setContent(job.id, job.content, effort));
+}
+
+void TransferScheduler::waitForRoom(Job& job) {
+  leaveActive(job);
+  setTrying(job, false);
+  if (job.diskFullSinceMs < 0) job.diskFullSinceMs = now();
+  job.state = State::DiskFull;
+  job.untilMs = now() + kRoomCheckMs;
+  wakeLater(job.untilMs);
+  tellWait(job, URLSessionTaskWait::DiskFull, 0, ledger_.files().directory());
+  static_cast<void>(ledger_.setContent(job.id, job.content, job.effort));
+}
+
+void TransferScheduler::checkRoom(Job& job) {
+  if (now() - job.diskFullSinceMs >= options_.diskFullBoundMs) {
+    const bool resumable = job.content.received > 0 && !job.content.validator.empty();
+    return endJob(job,
+                  Error::errorWithErrno(ENOSPC, "write", ledger_.files().path(job.content.file)),
+                  resumable);
+  }
+  const int64_t free = ledger_.files().freeBytes();
+  const auto& content = job.content;
+  const int64_t missing = content.expected < 0 ? kRoomWanted : content.expected - content.received;
+  if (free < 0 || free >= std::min(missing, kRoomWanted)) return enqueue(job);
+  job.untilMs = now() + kRoomCheckMs;
+  wakeLater(job.untilMs);
+}
+
+void TransferScheduler::failJob(Job& job, const HttpOutcome& outcome, int64_t status) {
+  Dictionary info;
+  if (status != 0) info[QNURLErrorHTTPStatusKey] = status;
+  const URLPtr url = job.request->url();
+  const auto error =
+      urlError(outcome.code, outcome.detail, url ? url->absoluteString() : "", std::move(info));
+  endJob(job, error, job.content.received > 0 && !job.content.validator.empty());
+}
+
+void TransferScheduler::endJob(Job& job, const ErrorPtr& error, bool resumable) {
+  endings_.push_back({job.id, job.content, error, resumable});
+  endedResponses_[job.id] = {job.responseNumber, job.base};
+  removeJob(job);
+}
+
+void TransferScheduler::commitEndings() {
+  if (endings_.empty()) return;
+  for (auto& event : ledger_.end(endings_)) {
+    std::tie(event.responseNumber, event.base) = endedResponses_[event.task];
+    events_.push_back(std::move(event));
+  }
+  endings_.clear();
+  endedResponses_.clear();
+}
+
+// --- Time ---------------------------------------------------------------------------------------
+
+int64_t TransferScheduler::nextDeadlineMs() const {
+  int64_t next = std::min(nextTimerMs_, nextTimeoutMs_);
+  if (!unreported_.empty()) next = std::min(next, nextReportMs_);
+  return next;
+}
+
+void TransferScheduler::runTimers() {
+  if (nextTimerMs_ > now()) return;
+  nextTimerMs_ = kNeverMs;
+  tellAllQueued_ = true;  // a host may be asked again
+  std::vector<TransferTaskId> due;
+  for (const auto& [id, job] : jobs_) {
+    if (job->state == State::Queued || job->state == State::Active) continue;
+    if (job->untilMs <= now()) {
+      due.push_back(id);
+    } else {
+      wakeLater(job->untilMs);
+    }
+  }
+  for (const TransferTaskId id : due)
+    runTimer(*find(id));
+}
+
+void TransferScheduler::runTimer(Job& job) {
+  switch (job.state) {
+    case State::Queued:
+    case State::Active:
+      return;
+    case State::Graced:
+      return park(job);
+    case State::Retrying:
+      setTrying(job, false);
+      return enqueue(job, true);
+    case State::DiskFull:
+      return checkRoom(job);
+  }
+}
+
+// Lower bounds are kept instead of a timer for each transfer: bytes only move a deadline away.
+void TransferScheduler::checkTimeouts() {
+  if (nextTimeoutMs_ > now()) return;
+  nextTimeoutMs_ = kNeverMs;
+  std::vector<Job*> late;
+  for (const auto& [id, job] : jobs_) {
+    if (job->state != State::Active || !job->download) continue;
+    const int64_t limit = job->connected ? options_.stallTimeoutMs : options_.connectTimeoutMs;
+    if (job->activeAtMs + limit <= now()) {
+      late.push_back(job.get());
+    } else {
+      nextTimeoutMs_ = std::min(nextTimeoutMs_, job->activeAtMs + limit);
+    }
+  }
+  for (Job* const job : late)
+    job->download->fail(
+        {URLErrorTimedOut, true, job->connected ? "no byte came" : "no connection"});
+}
+
+void TransferScheduler::report() {
+  if (unreported_.empty() || nextReportMs_ > now()) return;
+  nextReportMs_ = now() + kReportIntervalMs;
+  for (const TransferTaskId id : unreported_) {
+    Job* const job = find(id);
+    if (!job || !job->reportDirty) continue;
+    job->reportDirty = false;
+    if (job->responseNumber == 0) continue;
+    if (job->download) job->download->content().reportDue = false;
+    const auto& content = job->download ? job->download->content() : job->content;
+    TransferEvent event;
+    event.kind = TransferEvent::Kind::Progress;
+    event.task = id;
+    event.received = content.received;
+    event.expected = content.expected;
+    event.responseNumber = job->responseNumber;
+    event.base = job->base;
+    event.response = content.response;
+    events_.push_back(std::move(event));
+    if (!job->contentStored) job->contentStored = ledger_.setContent(id, content, job->effort);
+  }
+  unreported_.clear();
+}
+
+void TransferScheduler::tellWait(Job& job, URLSessionTaskWait wait, int64_t untilMs,
+                                 const std::string& detail) {
+  if (job.toldWait == wait && untilMs == 0) return;
+  job.toldWait = wait;
+  TransferEvent event;
+  event.kind = TransferEvent::Kind::Waiting;
+  event.task = job.id;
+  event.wait.wait = wait;
+  event.wait.detail = detail;
+  event.retryAtMs = untilMs;
+  events_.push_back(std::move(event));
+}
+
+void TransferScheduler::tellQueued() {
+  std::vector<TransferTaskId> ids;
+  ids.swap(newlyQueued_);
+  if (std::exchange(tellAllQueued_, false)) {
+    ids.clear();
+    for (const auto& [id, job] : jobs_)
+      ids.push_back(id);
+  }
+  for (const TransferTaskId id : ids) {
+    Job* const job = find(id);
+    if (!job || job->state != State::Queued) continue;
+    const auto network = networkWait();
+    const int64_t hostRetry = job->host->health.retryAtMs();
+    if (network != URLSessionTaskWait::None) {
+      tellWait(*job, network);
+    } else if (hostRetry > now()) {
+      tellWait(*job, URLSessionTaskWait::Retry, hostRetry);
+    } else {
+      tellWait(*job, URLSessionTaskWait::Limit);
+    }
+  }
+}
+
+std::vector<TransferEvent> TransferScheduler::takeEvents() {
+  return std::exchange(events_, {});
+}
+
+void TransferScheduler::stop() {
+  for (const auto& [id, job] : jobs_) {
+    stopDownload(*job);
+    job->effort.stalledMs = job->clock.elapsed(now());
+    static_cast<void>(ledger_.setContent(id, job->content, job->effort));
+  }
+  jobs_.clear();
+  hosts_.clear();
+  active_ = 0;
+}
+
+}  // namespace platform

@@ -1,0 +1,117 @@
+#include "platform/transfer/TransferSession.h"
+
+#include <utility>
+
+#include <unistd.h>
+
+#include "platform/Exception.h"
+#include "platform/transfer/DataFetcher.h"
+#include "platform/transfer/SessionCore.h"
+#include "platform/transfer/TransferEngine.h"
+#include "platform/transfer/TransferTask.h"
+
+namespace platform {
+namespace {
+
+// The session for one-shot fetches.
+class SharedSession final : public URLSession {
+ public:
+  const URLSessionConfiguration& configuration() const override { return configuration_; }
+  std::shared_ptr<URLSessionDownloadTask> downloadTaskWithRequest(
+      const URLRequestPtr& request) override {
+    TransferTaskInfo info;
+    info.request = std::make_shared<const URLRequest>(request ? *request : URLRequest(nullptr));
+    return std::make_shared<TransferTask>(info, std::weak_ptr<SessionCore>());
+  }
+  std::shared_ptr<URLSessionDownloadTask> downloadTaskWithResumeData(const DataPtr& data) override {
+    return downloadTaskWithRequest(readResumeData(data).request);
+  }
+  void getTasksWithCompletionHandler(std::function<void(const Tasks&)> completion) override {
+    if (completion) completion({});
+  }
+  void getAllTasksWithCompletionHandler(std::function<void(const Tasks&)> completion) override {
+    if (completion) completion({});
+  }
+  std::shared_ptr<URLSessionDataTask> dataTaskWithRequest(const URLRequestPtr& request,
+                                                          DataCompletion completion) override {
+    return DataFetcher::shared().makeTask(request, std::move(completion));
+  }
+
+ private:
+  const URLSessionConfiguration configuration_;
+};
+
+std::shared_ptr<URLSession> makeInProcess(const URLSessionConfiguration& configuration,
+                                          std::weak_ptr<URLSessionDelegate> delegate) {
+  auto engine = std::make_unique<TransferEngine>(TransferLocation::fromConfiguration(configuration),
+                                                 TransferOptions::fromConfiguration(configuration),
+                                                 configuration.ephemeral);
+  return TransferSession::make(configuration, std::move(delegate), std::move(engine));
+}
+
+const bool installed = [] {
+  URLSession::setProvider(&makeInProcess);
+  URLSession::setSharedProvider(&sharedTransferSession);
+  return true;
+}();
+
+}  // namespace
+
+std::shared_ptr<URLSession> sharedTransferSession() {
+  static const auto* const session =
+      new std::shared_ptr<URLSession>(std::make_shared<SharedSession>());
+  return *session;
+}
+
+std::shared_ptr<URLSession> TransferSession::make(const URLSessionConfiguration& configuration,
+                                                  std::weak_ptr<URLSessionDelegate> delegate,
+                                                  std::unique_ptr<TransferBackend> backend) {
+  const std::shared_ptr<TransferSession> session(
+      new TransferSession(configuration, std::move(delegate), std::move(backend)));
+  session->core_->open(session);
+  return session;
+}
+
+TransferSession::TransferSession(const URLSessionConfiguration& configuration,
+                                 std::weak_ptr<URLSessionDelegate> delegate,
+                                 std::unique_ptr<TransferBackend> backend)
+    : configuration_(configuration),
+      core_(std::make_shared<SessionCore>(std::move(backend), std::move(delegate))),
+      process_(::getpid()) {}
+
+TransferSession::~TransferSession() {
+  if (::getpid() == process_) {
+    core_->close();
+    return;
+  }
+  // A forked child has the objects, but neither their threads nor the store: leave them alone.
+  static_cast<void>(new std::shared_ptr<SessionCore>(core_));
+}
+
+std::shared_ptr<URLSessionDownloadTask> TransferSession::downloadTaskWithRequest(
+    const URLRequestPtr& request) {
+  TransferCall create;
+  create.request = std::make_shared<const URLRequest>(request ? *request : URLRequest(nullptr));
+  return core_->makeTask(std::move(create));
+}
+
+std::shared_ptr<URLSessionDownloadTask> TransferSession::downloadTaskWithResumeData(
+    const DataPtr& resumeData) {
+  return core_->makeTask(readResumeData(resumeData));
+}
+
+void TransferSession::getTasksWithCompletionHandler(std::function<void(const Tasks&)> completion) {
+  core_->getTasks(std::move(completion));
+}
+
+void TransferSession::getAllTasksWithCompletionHandler(
+    std::function<void(const Tasks&)> completion) {
+  core_->getTasks(std::move(completion));
+}
+
+std::shared_ptr<URLSessionDataTask> TransferSession::dataTaskWithRequest(
+    const URLRequestPtr& request, DataCompletion completion) {
+  return DataFetcher::shared().makeTask(request, std::move(completion));
+}
+
+}  // namespace platform

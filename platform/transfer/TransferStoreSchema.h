@@ -1,0 +1,54 @@
+#pragma once
+
+#include <cstdint>
+
+namespace platform {
+
+// PRAGMA application_id: "QNTS".
+inline constexpr int64_t kStoreApplicationId = 0x514E5453;
+
+// Step n makes version n + 1 of the schema out of version n. Steps are never changed once they were
+// released: an old store walks through them.
+inline constexpr const char* kStoreSchemaSteps[] = {
+    R"sql(
+CREATE TABLE session(
+  id INTEGER PRIMARY KEY CHECK(id = 1),
+  identifier TEXT NOT NULL);
+CREATE TABLE task(
+  id INTEGER PRIMARY KEY AUTOINCREMENT,
+  method TEXT NOT NULL,
+  url TEXT,
+  headers BLOB NOT NULL,
+  description TEXT,
+  running INTEGER NOT NULL,
+  stage INTEGER NOT NULL,
+  redirected_url TEXT,
+  status INTEGER NOT NULL,
+  response_headers BLOB NOT NULL,
+  response_length INTEGER NOT NULL,
+  validator TEXT NOT NULL,
+  expected INTEGER NOT NULL,
+  file_owner INTEGER NOT NULL,
+  file_generation INTEGER NOT NULL,
+  received INTEGER NOT NULL,
+  synced INTEGER NOT NULL,
+  report_due INTEGER NOT NULL,
+  attempts INTEGER NOT NULL,
+  furthest INTEGER NOT NULL,
+  stalled_ms INTEGER NOT NULL,
+  retry_at INTEGER NOT NULL,
+  wait INTEGER NOT NULL,
+  error_domain TEXT,
+  error_code INTEGER NOT NULL,
+  error_text TEXT,
+  error_url TEXT,
+  error_path TEXT,
+  error_status INTEGER NOT NULL,
+  resume_token TEXT NOT NULL,
+  boot_id TEXT NOT NULL);
+)sql",
+};
+
+inline constexpr int kStoreSchemaVersion = sizeof kStoreSchemaSteps / sizeof kStoreSchemaSteps[0];
+
+}  // namespace platform
