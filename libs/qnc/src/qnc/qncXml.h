@@ -174,7 +174,7 @@ enum class Canonical { Inclusive10, Exclusive10, Inclusive11 };
 // A parsed document. Copies share the tree.
 //
 // Refused, with OutOfRange: more than kMaxSize bytes, and what goes beyond libxml2's own limits
-// (nesting of 256, texts of 10,000,000 bytes). Refused with UnsupportedFeature: a DTD that declares
+// (nesting of 257, texts of 10,000,000 bytes). Refused with UnsupportedFeature: a DTD that declares
 // entities. Nothing outside the bytes is ever read: no network, no files, no external entities or
 // subsets.
 //

@@ -11,8 +11,7 @@
 namespace qnc::xml {
 namespace {
 
-// libxml2's own limits, which it applies only while it builds its own tree.
-constexpr size_t kMaxDepth = 256;
+// A limit of libxml2's that it applies only while it builds its own tree.
 constexpr size_t kMaxTextSize = XML_MAX_TEXT_LENGTH;
 
 std::string_view view(const xmlChar* text) {
@@ -39,6 +38,8 @@ bool attachInput(xmlParserCtxt* context, std::string_view& bytes) {
   if (!input) xmlFreeParserInputBuffer(buffer);
   return input && inputPush(context, input) >= 0;
 }
+
+void ignoreMessage(void*, const char*, ...) {}
 
 // Names by the addresses that the parser's dictionary gives them.
 class NameTable {
@@ -197,11 +198,13 @@ void Builder::noteError(const xmlError& error) {
     error_.reason.pop_back();
   error_.line = static_cast<uint32_t>(std::max(error.line, 0));
   if (error.code == XML_ERR_NO_MEMORY) result_ = Result::OutOfMemory;
+  if (error.code == XML_ERR_INTERNAL_ERROR && depth_ > xmlParserMaxDepth) {
+    result_ = Result::OutOfRange;
+  }
 }
 
 void Builder::startElement(const xmlChar* local, const xmlChar* prefix, const xmlChar* uri,
                            const xmlChar** attributes, int count) {
-  if (depth_ >= kMaxDepth) return refuse(Result::OutOfRange, "Elements are nested too deeply");
   Tree::Node node{};
   node.name = names_.idOf(local, prefix, uri);
   node.parent = Tree::kNone;
@@ -316,12 +319,18 @@ int parserOptions() {
          XML_PARSE_NOWARNING;
 }
 
-QuietLibxml::QuietLibxml() : handler_(xmlStructuredError), context_(xmlStructuredErrorContext) {
+QuietLibxml::QuietLibxml()
+    : structured_(xmlStructuredError),
+      structuredContext_(xmlStructuredErrorContext),
+      generic_(xmlGenericError),
+      genericContext_(xmlGenericErrorContext) {
   xmlSetStructuredErrorFunc(nullptr, [](void*, xmlErrorPtr) {});
+  xmlSetGenericErrorFunc(nullptr, ignoreMessage);
 }
 
 QuietLibxml::~QuietLibxml() {
-  xmlSetStructuredErrorFunc(context_, handler_);
+  xmlSetStructuredErrorFunc(structuredContext_, structured_);
+  xmlSetGenericErrorFunc(genericContext_, generic_);
 }
 
 Result buildTree(std::string_view bytes, Tree& tree, ParseError& error) {

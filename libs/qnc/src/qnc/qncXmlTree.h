@@ -140,8 +140,10 @@ class QuietLibxml {
   QuietLibxml& operator=(const QuietLibxml&) = delete;
 
  private:
-  void (*handler_)(void*, struct _xmlError*);
-  void* context_;
+  void (*structured_)(void*, struct _xmlError*);
+  void* structuredContext_;
+  void (*generic_)(void*, const char*, ...);
+  void* genericContext_;
 };
 
 }  // namespace qnc::xml
