@@ -245,9 +245,14 @@ void QNMovieDownloader::setAdditionalHeaders(QNHeadersPtr headers) {
 // Identity and storage
 
 std::string QNMovieDownloader::downloadIdWithURL(const std::string& url) const {
+  return downloadIdWithURL(url, downloadPath());
+}
+
+std::string QNMovieDownloader::downloadIdWithURL(const std::string& url,
+                                                 const std::string& downloadPath) {
   const auto parsed = platform::URL::URLWithString(url);
   const std::string older = olderDownloadId(parsed);
-  const auto entries = FileManager::defaultManager().contentsOfDirectory(downloadPath());
+  const auto entries = FileManager::defaultManager().contentsOfDirectory(downloadPath);
   if (entries) {
     for (const auto& entry : *entries) {
       if (entry.name == older) return older;

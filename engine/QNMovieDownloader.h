@@ -75,6 +75,8 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
   // The name of the download's directory: hashes of host (lower case), path and query. A directory
   // with the older form of the name (without query) is kept in use.
   std::string downloadIdWithURL(const std::string& url) const;
+  // Own addition: the same below any download path, for a caller who names the session after it.
+  static std::string downloadIdWithURL(const std::string& url, const std::string& downloadPath);
   static std::string getDefaultManifestLocalName();  // "manifest.mpd"
   // Throws "Failed to create download directory" (user info "NSError": platform::ErrorPtr) or
   // "Failed to write manifest to file". The URL is not used.
