@@ -12,6 +12,7 @@ set(QN_PUBLIC_HEADERS
   engine/QNResourceDownloadInfo.h
   engine/QNResourceId.h
   engine/QNSessionController.h
+  engine/QuillonStreamDownloader.h
   platform/Application.h
   platform/Data.h
   platform/DispatchQueue.h

@@ -2,6 +2,7 @@
 #include <filesystem>
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -91,6 +92,11 @@ TEST_F(FileManagerTest, FolderSizeFollowsNoLinks) {
   fs::create_symlink("..", at("d/b/loop"));
   fs::create_symlink(at("d"), at("root link"));
   EXPECT_EQ(files.folderSize(at("d")), 7);
+  std::string listed;
+  for (const auto& file : files.filesBelow(at("d"))) {
+    listed += file.path + "=" + std::to_string(file.size) + " ";
+  }
+  EXPECT_EQ(listed, "a=3 b/c=4 ");
   EXPECT_EQ(files.folderSize(at("root link")), 7) << "the folder itself may be reached by a link";
   EXPECT_EQ(files.folderSize(at("none")), 0);
   EXPECT_EQ(files.folderSize(at("d/a")), 0);
@@ -162,6 +168,25 @@ TEST_F(FileManagerTest, RemovalStaysBelowItsPath) {
   EXPECT_EQ(codeOf(files.removeItem("")), ENOENT);
   EXPECT_EQ(names(root.path()), "outside/ ");
   EXPECT_EQ(names(at("outside")), "kept ");
+}
+
+// Resource paths come from manifests: a tree may be deeper than a process may open files.
+TEST_F(FileManagerTest, DeepTreesAreSizedAndRemoved) {
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  const rlimit few{200, before.rlim_max};
+  std::string deep = at("d");
+  for (int i = 0; i < 1900; ++i)
+    deep += "/n";
+  ASSERT_EQ(codeOf(files.createDirectoryWithIntermediates(deep)), 0);
+  ASSERT_EQ(codeOf(write(deep + "/file", "12345")), 0);
+  root.write("d/.qn-removed-0", "a name in the way");
+
+  setrlimit(RLIMIT_NOFILE, &few);
+  EXPECT_EQ(files.folderSize(at("d")), 22);
+  EXPECT_EQ(codeOf(files.removeItem(at("d"))), 0);
+  setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_EQ(names(root.path()), "");
 }
 
 TEST_F(FileManagerTest, ReadsAtMostWhatIsAskedFor) {
