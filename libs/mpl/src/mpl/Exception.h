@@ -11,7 +11,8 @@ namespace mpl {
 // The value of a four-character tag, first character highest.
 consteval uint32_t fourCharacterTag(const char (&text)[5]) {
   uint32_t tag = 0;
-  for (int i = 0; i < 4; ++i) tag = tag << 8 | static_cast<uint8_t>(text[i]);
+  for (int i = 0; i < 4; ++i)
+    tag = tag << 8 | static_cast<uint8_t>(text[i]);
   return tag;
 }
 
@@ -23,8 +24,8 @@ class Exception : public Base {
   static constexpr uint32_t kTag = Tag;
 
   explicit Exception(const char* message) : Base(message) {}
-  explicit Exception(const qnc::FastString& message)
-    requires std::same_as<Base, std::invalid_argument>
+  explicit Exception(
+      const qnc::FastString& message) requires std::same_as<Base, std::invalid_argument>
       : Base(message.str()) {}
 
   uint32_t tag() const { return Tag; }

@@ -1,0 +1,93 @@
+#include "mpl/dash/SegmentTemplate.h"
+
+#include <algorithm>
+#include <limits>
+#include <string>
+#include <utility>
+
+#include "mpl/Numbers.h"
+#include "mpl/dash/Representation.h"
+#include "mpl/dash/Scale.h"
+#include "qnc/qncChecked.h"
+
+namespace mpl::dash {
+
+namespace {
+
+// Builds the resolved URLs of one Representation.
+class URLWriter {
+ public:
+  URLWriter(const FastString& text, const Representation& representation, const FastString& base)
+      : base_(base),
+        relative_(text, representation.id(), representation.format().bandwidth()),
+        resolved_(relative_.resolvedAgainst(base)) {}
+
+  std::string_view write(int32_t number, int64_t time) {
+    uri_.clear();
+    (resolved_ ? *resolved_ : relative_).append(uri_, number, time);
+    if (!resolved_) uri_ = ReferenceURI::resolve(uri_, base_).str();
+    return uri_;
+  }
+
+ private:
+  const FastString& base_;
+  const TemplateURI relative_;
+  const std::optional<TemplateURI> resolved_;
+  std::string uri_;
+};
+
+}  // namespace
+
+SegmentTemplate::SegmentTemplate(MultiSegmentInfo info, FastString initializationTemplate,
+                                 FastString mediaTemplate, SharedText baseURL)
+    : MultiSegmentBase(std::move(info)),
+      initializationTemplate_(std::move(initializationTemplate)),
+      mediaTemplate_(std::move(mediaTemplate)),
+      baseURL_(std::move(baseURL)) {}
+
+RangedURI SegmentTemplate::getInitialization(const Representation& representation) const {
+  if (initializationTemplate_.empty()) return SegmentBase::getInitialization(representation);
+  return RangedURI(TemplateURI::build(initializationTemplate_, representation.id(), 0,
+                                      representation.format().bandwidth(), 0),
+                   baseURL_);
+}
+
+int64_t SegmentTemplate::getLastSegmentNum(int64_t periodDurationUs) const {
+  if (!isExplicit() && periodDurationUs == -1) return -1;
+  const Int128 count = isExplicit() ? static_cast<Int128>(segmentTimeline().size())
+                                    : ceilDivide(periodDurationUs, segmentDurationUs());
+  return std::min<int64_t>(clamped(startNumber() + count - 1), std::numeric_limits<int32_t>::max());
+}
+
+RangedURI SegmentTemplate::getSegmentURL(const Representation& representation,
+                                         int64_t number) const {
+  const int64_t time =
+      isExplicit() ? segmentTimeline()[timelineIndex(number)].startTime : ticksBefore(number);
+  int32_t printed = 0;
+  if (!qnc::checkedCast(number, printed)) throwOutOfRange();
+  return RangedURI(TemplateURI::build(mediaTemplate_, representation.id(), printed,
+                                      representation.format().bandwidth(), time),
+                   baseURL_);
+}
+
+void SegmentTemplate::forEachSegment(const Representation& representation, int64_t first,
+                                     int64_t last, const SegmentVisitor& visitor) const {
+  if (last < first) return;
+  int32_t number = 0;
+  int32_t end = 0;
+  if (!qnc::checkedCast(first, number) || !qnc::checkedCast(last, end)) throwOutOfRange();
+  URLWriter writer(mediaTemplate_, representation, baseURL());
+  if (!isExplicit()) {
+    for (int64_t n = first; n <= last; ++n) {
+      visitor({n, writer.write(static_cast<int32_t>(n), ticksBefore(n)), Range()});
+    }
+    return;
+  }
+  (void)timelineIndex(last);
+  auto cursor = segmentTimeline().cursor(timelineIndex(first));
+  for (int64_t n = first; n <= last; ++n, ++cursor) {
+    visitor({n, writer.write(static_cast<int32_t>(n), (*cursor).startTime), Range()});
+  }
+}
+
+}  // namespace mpl::dash
