@@ -36,7 +36,8 @@ URLRequestPtr readRequest(const TransferRowReader& row, int column) {
   const auto url = row.optionalText(column + 1);
   auto request = std::make_shared<URLRequest>(url ? URL::URLWithString(*url) : nullptr);
   request->setHTTPMethod(row.text(column));
-  for (const auto& [name, value] : unpackHeaders(row.text(column + 2)).fields())
+  const HTTPHeaders headers = unpackHeaders(row.text(column + 2));
+  for (const auto& [name, value] : headers.fields())
     request->setValueForHTTPHeaderField(value, name);
   return request;
 }
