@@ -1,0 +1,47 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/FileManager.h"
+#include "tests/support/KillSwitch.h"
+
+namespace qntest {
+
+// Stands in for the file manager as long as it lives and forwards to the real one, except that a
+// test can let single calls fail and the disk die. Changes only are steps of the switch.
+class ScriptedFileManager : public platform::FileManager {
+ public:
+  // Named after the method that changes something.
+  using Fault = std::function<int(const std::string& method, const std::string& path)>;
+
+  explicit ScriptedFileManager(std::shared_ptr<KillSwitch> killSwitch = nullptr);
+  ~ScriptedFileManager() override;
+
+  // Asked before each change; an errno other than 0 is how the call fails.
+  void setFault(Fault fault) { fault_ = std::move(fault); }
+  // How many times the file system was asked anything at all.
+  uint64_t calls() const { return calls_; }
+
+  bool fileExistsAtPath(const std::string& path) override;
+  bool isRegularFile(const std::string& path) override;
+  bool isDirectory(const std::string& path) override;
+  std::optional<int64_t> sizeOfFile(const std::string& path) override;
+  platform::ErrorPtr createDirectoryWithIntermediates(const std::string& path) override;
+  platform::ErrorPtr moveItem(const std::string& from, const std::string& to) override;
+  platform::ErrorPtr removeItem(const std::string& path) override;
+  platform::ErrorPtr writeAtomically(const std::string& path, const void* bytes, size_t size,
+                                     unsigned mode) override;
+
+ private:
+  platform::ErrorPtr refusal(const char* method, const std::string& path);
+
+  std::shared_ptr<KillSwitch> killSwitch_;
+  Fault fault_;
+  std::atomic<uint64_t> calls_{0};
+};
+
+}  // namespace qntest
