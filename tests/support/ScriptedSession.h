@@ -35,6 +35,7 @@ struct ScriptedRecord {
   Outcome outcome = Outcome::None;
   platform::ErrorPtr error;  // of a failure
   std::string file;          // of a success
+  std::string resumeKey;     // of a failure that can be continued
 };
 
 // What survives a kill: the tasks of one session identifier. One session at a time holds it.
