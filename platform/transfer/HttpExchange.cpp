@@ -215,7 +215,8 @@ void HttpExchange::finishHop(int curlCode) {
   if (!redirect_) {
     auto outcome = outcomeOfCurl(curlCode, curlMessage_.data());
     if (outcome.succeeded() && !headDone_) {
-      outcome = {URLErrorBadServerResponse, false, "no response"};
+      // libcurl counts a head that was cut off as a response without a body.
+      outcome = {URLErrorNetworkConnectionLost, true, "the head of the response was cut off"};
     }
     return complete(outcome);
   }

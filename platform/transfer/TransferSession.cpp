@@ -1,7 +1,5 @@
 #include "platform/transfer/TransferSession.h"
 
-#include <cstdlib>
-#include <string_view>
 #include <utility>
 
 #include <unistd.h>
@@ -11,7 +9,6 @@
 #include "platform/transfer/SessionCore.h"
 #include "platform/transfer/TransferEngine.h"
 #include "platform/transfer/TransferTask.h"
-#include "platform/transfer/service/ServiceBackend.h"
 
 namespace platform {
 namespace {
@@ -41,28 +38,19 @@ class SharedSession final : public URLSession {
   }
 
  private:
-  const URLSessionConfiguration configuration_{};
+  const URLSessionConfiguration configuration_;
 };
 
-bool wantsService(const URLSessionConfiguration& configuration) {
-  const char* asked = std::getenv("QN_USE_SERVICE");
-  return configuration.useService || (asked && std::string_view(asked) == "1");
-}
-
-std::unique_ptr<TransferBackend> makeBackend(const URLSessionConfiguration& configuration) {
-  if (wantsService(configuration)) return std::make_unique<service::ServiceBackend>(configuration);
-  return std::make_unique<TransferEngine>(TransferLocation::fromConfiguration(configuration),
-                                          TransferOptions::fromConfiguration(configuration),
-                                          configuration.ephemeral);
-}
-
-std::shared_ptr<URLSession> makeSession(const URLSessionConfiguration& configuration,
-                                        std::weak_ptr<URLSessionDelegate> delegate) {
-  return TransferSession::make(configuration, std::move(delegate), makeBackend(configuration));
+std::shared_ptr<URLSession> makeInProcess(const URLSessionConfiguration& configuration,
+                                          std::weak_ptr<URLSessionDelegate> delegate) {
+  auto engine = std::make_unique<TransferEngine>(TransferLocation::fromConfiguration(configuration),
+                                                 TransferOptions::fromConfiguration(configuration),
+                                                 configuration.ephemeral);
+  return TransferSession::make(configuration, std::move(delegate), std::move(engine));
 }
 
 const bool installed = [] {
-  URLSession::setProvider(&makeSession);
+  URLSession::setProvider(&makeInProcess);
   URLSession::setSharedProvider(&sharedTransferSession);
   return true;
 }();
