@@ -3,6 +3,7 @@
 #include <map>
 #include <utility>
 
+#include "platform/Log.h"
 #include "platform/Mutex.h"
 #include "platform/NotificationCenter.h"
 
@@ -10,6 +11,15 @@ namespace platform {
 namespace {
 
 using Watcher = std::function<void(const std::string&, bool)>;
+
+void tell(const std::shared_ptr<const Watcher>& watcher, const std::string& name, bool began) {
+  if (!watcher) return;
+  try {
+    (*watcher)(name, began);
+  } catch (...) {
+    logError("Watcher of background tasks: " + describeCurrentException());
+  }
+}
 
 }  // namespace
 
@@ -38,7 +48,7 @@ Application::BackgroundTask Application::beginBackgroundTaskWithName(const std::
     impl_->tasks.emplace(task, name);
     watcher = impl_->watcher;
   }
-  if (watcher) (*watcher)(name, true);
+  tell(watcher, name, true);
   return task;
 }
 
@@ -53,7 +63,7 @@ void Application::endBackgroundTask(BackgroundTask task) {
     impl_->tasks.erase(found);
     watcher = impl_->watcher;
   }
-  if (watcher) (*watcher)(name, false);
+  tell(watcher, name, false);
 }
 
 std::vector<std::string> Application::openBackgroundTasks() const {

@@ -147,13 +147,13 @@ class QueueCore : public std::enable_shared_from_this<QueueCore> {
     for (;;) {
       if (closed_ || wake_) break;
       _moveDue();
-      if (runner_) {
-        changed_.wait(native);  // the application's loop is still inside a block
-      } else if (!ready_.empty()) {
+      if (!runner_ && !ready_.empty()) {
         _take(block);
         native.release();
         return true;
-      } else if (delayed_.empty()) {
+      }
+      // With a runner the application's loop is still inside a block.
+      if (runner_ || delayed_.empty()) {
         changed_.wait(native);
       } else {
         const auto next = delayed_.begin()->first;

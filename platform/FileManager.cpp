@@ -13,7 +13,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "platform/DirectoryReader.h"
 #include "platform/FileDescriptor.h"
+#include "platform/TreeRemoval.h"
 
 namespace platform {
 namespace {
@@ -141,94 +143,30 @@ int copyAcrossFileSystems(const std::string& from, const std::string& to) {
   return unlink(from.c_str()) == 0 ? 0 : errno;
 }
 
-// An open directory, closed with it.
-class DirectoryReader {
- public:
-  explicit DirectoryReader(int fd) : directory_(fd < 0 ? nullptr : fdopendir(fd)) {
-    if (fd >= 0 && !directory_) close(fd);
-  }
-  ~DirectoryReader() {
-    if (directory_) closedir(directory_);
-  }
-  DirectoryReader(const DirectoryReader&) = delete;
-  DirectoryReader& operator=(const DirectoryReader&) = delete;
-
-  explicit operator bool() const { return directory_ != nullptr; }
-  int fd() const { return dirfd(directory_); }
-
-  // Null at the end, with errno 0, or on failure.
-  const dirent* next() {
-    for (;;) {
-      errno = 0;
-      const dirent* const entry = readdir(directory_);
-      if (!entry) return nullptr;
-      const std::string_view name = entry->d_name;
-      if (name != "." && name != "..") return entry;
-    }
-  }
-
- private:
-  DIR* directory_;
-};
-
-int openDirectoryAt(int parent, const char* name, int flags) {
-  return openat(parent, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | flags);
-}
-
-bool isDirectoryEntry(int parent, const dirent& entry) {
-  if (entry.d_type != DT_UNKNOWN) return entry.d_type == DT_DIR;
-  struct stat info {};
-  return fstatat(parent, entry.d_name, &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(info.st_mode);
-}
-
-// Each level keeps a descriptor open and acts relative to it, so that nobody can lead the walk
-// elsewhere by replacing a directory with a link. `path` follows along for the error.
-int removeBelow(int parent, const char* name, std::string& path);
-
-int removeEntry(int parent, const std::string& name, bool isDirectory, std::string& path) {
-  if (isDirectory) return removeBelow(parent, name.c_str(), path);
-  return unlinkat(parent, name.c_str(), 0) == 0 || errno == ENOENT ? 0 : errno;
-}
-
-int removeChildren(DirectoryReader& directory, std::string& path) {
-  std::vector<std::pair<std::string, bool>> entries;
-  while (const dirent* const entry = directory.next()) {
-    entries.emplace_back(entry->d_name, isDirectoryEntry(directory.fd(), *entry));
-  }
-  if (errno != 0) return errno;
-  for (const auto& [name, isDirectory] : entries) {
-    const size_t length = path.size();
-    path += "/" + name;
-    if (const int failed = removeEntry(directory.fd(), name, isDirectory, path)) return failed;
-    path.resize(length);
-  }
-  return 0;
-}
-
-int removeBelow(int parent, const char* name, std::string& path) {
-  {
-    DirectoryReader directory(openDirectoryAt(parent, name, O_NOFOLLOW));
-    if (!directory) return errno == ENOENT ? 0 : errno;
-    if (const int failed = removeChildren(directory, path)) return failed;
-  }
-  return unlinkat(parent, name, AT_REMOVEDIR) == 0 || errno == ENOENT ? 0 : errno;
-}
-
-// Calls `found` with path and size of every regular file below the directory `fd`, which it closes.
+// Calls `found` with path and size of every regular file below `root`, links below it not followed.
+// One descriptor at a time, however deep the tree is. `path` is relative to `root`, "" or with a
+// "/" at its end.
 template <class Found>
-void walkFiles(int fd, std::string& path, const Found& found) {
-  DirectoryReader directory(fd);
-  if (!directory) return;
+void walkFiles(const std::string& root, std::string& path, const Found& found) {
   const size_t length = path.size();
-  while (const dirent* const entry = directory.next()) {
-    struct stat info {};
-    if (fstatat(directory.fd(), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) continue;
-    path += entry->d_name;
-    if (S_ISREG(info.st_mode)) found(path, info.st_size);
-    if (S_ISDIR(info.st_mode)) {
-      path += '/';
-      walkFiles(openDirectoryAt(directory.fd(), entry->d_name, O_NOFOLLOW), path, found);
+  std::vector<std::string> directories;
+  const std::string at = FileManager::pathByAppending(root, path);
+  const int flags = path.empty() ? 0 : O_NOFOLLOW;
+  if (DirectoryReader directory(openDirectoryAt(AT_FDCWD, at.c_str(), flags)); directory) {
+    while (const dirent* const entry = directory.next()) {
+      struct stat info {};
+      if (fstatat(directory.fd(), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) continue;
+      if (S_ISDIR(info.st_mode)) directories.emplace_back(entry->d_name);
+      if (!S_ISREG(info.st_mode)) continue;
+      path += entry->d_name;
+      found(path, info.st_size);
+      path.resize(length);
     }
+  }
+  for (const auto& name : directories) {
+    path += name;
+    path += '/';
+    walkFiles(root, path, found);
     path.resize(length);
   }
 }
@@ -334,18 +272,16 @@ std::optional<int64_t> FileManager::sizeOfFile(const std::string& path) {
 int64_t FileManager::folderSize(const std::string& path) {
   int64_t total = 0;
   std::string walked;
-  walkFiles(openDirectoryAt(AT_FDCWD, path.c_str(), 0), walked,
-            [&](const std::string&, int64_t size) { total += size; });
+  walkFiles(path, walked, [&](const std::string&, int64_t size) { total += size; });
   return total;
 }
 
 std::vector<FileManager::File> FileManager::filesBelow(const std::string& path) {
   std::vector<File> files;
   std::string walked;
-  walkFiles(openDirectoryAt(AT_FDCWD, path.c_str(), 0), walked,
-            [&](const std::string& file, int64_t size) {
-              files.push_back({file, size});
-            });
+  walkFiles(path, walked, [&](const std::string& file, int64_t size) {
+    files.push_back({file, size});
+  });
   return files;
 }
 
@@ -356,7 +292,6 @@ std::optional<std::vector<FileManager::Entry>> FileManager::contentsOfDirectory(
   std::vector<Entry> entries;
   while (const dirent* const entry = directory.next()) {
     entries.push_back(entryOf(directory.fd(), *entry));
-    errno = 0;
   }
   if (errno != 0) return std::nullopt;
   return entries;
@@ -376,12 +311,9 @@ ErrorPtr FileManager::moveItem(const std::string& from, const std::string& to) {
 }
 
 ErrorPtr FileManager::removeItem(const std::string& path) {
-  constexpr const char* what = "Cannot remove";
-  std::string at = withoutTrailingSlashes(path);  // "link/" would mean the link's target
-  struct stat info {};
-  if (lstat(at.c_str(), &info) != 0) return Error::errorWithErrno(errno, what, path);
-  const std::string top = at;
-  return errorUnless0(removeEntry(AT_FDCWD, top, S_ISDIR(info.st_mode), at), what, at);
+  TreeRemoval removal(withoutTrailingSlashes(path));  // "link/" would mean the link's target
+  const int failed = removal.run();
+  return errorUnless0(failed, "Cannot remove", removal.path());
 }
 
 DataPtr FileManager::contentsAtPath(const std::string& path, int64_t maximumBytes,

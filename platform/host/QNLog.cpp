@@ -79,8 +79,9 @@ void QNLog(int level, const std::string& message) {
 void QNSetLogTap(std::function<bool(int level)> wants,
                  std::function<void(int level, const std::string&)> log) {
   const bool isDefault = !wants && !log;
-  auto base = defaultTap();
-  Tap tap{wants ? std::move(wants) : base->wants, log ? std::move(log) : base->log};
+  Tap tap = *defaultTap();
+  if (wants) tap.wants = std::move(wants);
+  if (log) tap.log = std::move(log);
   auto next = std::make_shared<const Tap>(std::move(tap));
   {
     platform::MutexLock lock(registry().mutex);

@@ -219,6 +219,8 @@ void TransferLedger::_apply(const TransferCall& call, std::vector<TransferTaskId
 }
 
 void TransferLedger::_create(const TransferCall& call) {
+  // A service that died may be told again.
+  if (entries_.contains(call.task)) return;
   auto entry = std::make_shared<Entry>();
   auto& record = entry->record;
   record.id = call.task;

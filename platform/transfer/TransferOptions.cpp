@@ -58,17 +58,6 @@ std::optional<dev_t> deviceOf(std::string path) {
   }
 }
 
-std::string stateRoot(const URLSessionConfiguration& configuration) {
-  if (!configuration.stateDirectory.empty()) return configuration.stateDirectory;
-  if (auto own = environment("QN_STATE_DIR"); !own.empty()) return own;
-  // A relative $XDG_STATE_HOME is to be ignored (XDG base directories).
-  if (auto state = environment("XDG_STATE_HOME"); state.starts_with('/')) {
-    return FileManager::pathByAppending(state, "QNMovieDownloader");
-  }
-  return FileManager::pathByAppending(FileManager::homeDirectory(),
-                                      ".local/state/QNMovieDownloader");
-}
-
 }  // namespace
 
 const TransferOptions& TransferOptions::defaults() {
@@ -94,6 +83,21 @@ TransferOptions TransferOptions::fromConfiguration(const URLSessionConfiguration
   options.allowsCellularAccess = configuration.allowsCellularAccess;
   options.discretionary = configuration.discretionary;
   return options;
+}
+
+std::string defaultStateDirectory() {
+  if (auto own = environment("QN_STATE_DIR"); !own.empty()) return own;
+  // A relative $XDG_STATE_HOME is to be ignored (XDG base directories).
+  if (auto state = environment("XDG_STATE_HOME"); state.starts_with('/')) {
+    return FileManager::pathByAppending(state, "QNMovieDownloader");
+  }
+  return FileManager::pathByAppending(FileManager::homeDirectory(),
+                                      ".local/state/QNMovieDownloader");
+}
+
+std::string stateRoot(const URLSessionConfiguration& configuration) {
+  return configuration.stateDirectory.empty() ? defaultStateDirectory()
+                                              : configuration.stateDirectory;
 }
 
 TransferLocation TransferLocation::fromConfiguration(const URLSessionConfiguration& configuration) {

@@ -27,6 +27,11 @@ struct TransferOptions {
   static TransferOptions fromConfiguration(const URLSessionConfiguration& configuration);
 };
 
+// $QN_STATE_DIR, else $XDG_STATE_HOME/QNMovieDownloader, else ~/.local/state/QNMovieDownloader.
+std::string defaultStateDirectory();
+// The configuration's, else the default.
+std::string stateRoot(const URLSessionConfiguration& configuration);
+
 // Where a session's things lie. `storeDirectory` holds database, lock and log of damage;
 // `partialDirectory` the files that are being filled.
 struct TransferLocation {

@@ -1,5 +1,7 @@
 #include "platform/transfer/TransferSession.h"
 
+#include <cstdlib>
+#include <string_view>
 #include <utility>
 
 #include <unistd.h>
@@ -9,6 +11,7 @@
 #include "platform/transfer/SessionCore.h"
 #include "platform/transfer/TransferEngine.h"
 #include "platform/transfer/TransferTask.h"
+#include "platform/transfer/service/ServiceBackend.h"
 
 namespace platform {
 namespace {
@@ -38,19 +41,28 @@ class SharedSession final : public URLSession {
   }
 
  private:
-  const URLSessionConfiguration configuration_;
+  const URLSessionConfiguration configuration_{};
 };
 
-std::shared_ptr<URLSession> makeInProcess(const URLSessionConfiguration& configuration,
-                                          std::weak_ptr<URLSessionDelegate> delegate) {
-  auto engine = std::make_unique<TransferEngine>(TransferLocation::fromConfiguration(configuration),
-                                                 TransferOptions::fromConfiguration(configuration),
-                                                 configuration.ephemeral);
-  return TransferSession::make(configuration, std::move(delegate), std::move(engine));
+bool wantsService(const URLSessionConfiguration& configuration) {
+  const char* asked = std::getenv("QN_USE_SERVICE");
+  return configuration.useService || (asked && std::string_view(asked) == "1");
+}
+
+std::unique_ptr<TransferBackend> makeBackend(const URLSessionConfiguration& configuration) {
+  if (wantsService(configuration)) return std::make_unique<service::ServiceBackend>(configuration);
+  return std::make_unique<TransferEngine>(TransferLocation::fromConfiguration(configuration),
+                                          TransferOptions::fromConfiguration(configuration),
+                                          configuration.ephemeral);
+}
+
+std::shared_ptr<URLSession> makeSession(const URLSessionConfiguration& configuration,
+                                        std::weak_ptr<URLSessionDelegate> delegate) {
+  return TransferSession::make(configuration, std::move(delegate), makeBackend(configuration));
 }
 
 const bool installed = [] {
-  URLSession::setProvider(&makeInProcess);
+  URLSession::setProvider(&makeSession);
   URLSession::setSharedProvider(&sharedTransferSession);
   return true;
 }();

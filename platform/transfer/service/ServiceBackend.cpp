@@ -1,0 +1,355 @@
+#include "platform/transfer/service/ServiceBackend.h"
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+#include <sys/socket.h>
+
+#include "platform/Exception.h"
+#include "platform/transfer/ThreadSetup.h"
+#include "platform/transfer/TransferClock.h"
+#include "platform/transfer/TransferErrors.h"
+#include "platform/transfer/TransferOptions.h"
+#include "platform/transfer/service/FrameReader.h"
+#include "platform/transfer/service/ServiceLauncher.h"
+#include "platform/transfer/service/ServiceSocket.h"
+
+namespace platform::service {
+namespace {
+
+constexpr const char* kSessionException = "NSURLSessionException";
+constexpr uint32_t kReserved = 512;
+constexpr int kAnswerTimeoutMs = 10'000;
+constexpr int kGoodbyeTimeoutMs = 2'000;
+constexpr size_t kCallsPerMessage = 4'096;
+
+// With everything filled in that this process knows and the service cannot: directories and
+// defaults.
+URLSessionConfiguration completed(URLSessionConfiguration configuration) {
+  const TransferOptions options = TransferOptions::fromConfiguration(configuration);
+  configuration.stateDirectory = stateRoot(configuration);
+  configuration.maximumConnectionsPerHost = options.connectionsPerHost;
+  configuration.maximumTransfers = options.transfers;
+  configuration.maximumBytesPerSecond = options.bytesPerSecond;
+  configuration.connectTimeoutSeconds = static_cast<double>(options.connectTimeoutMs) / 1000;
+  configuration.stallTimeoutSeconds = static_cast<double>(options.stallTimeoutMs) / 1000;
+  configuration.retryBoundSeconds = static_cast<double>(options.retryBoundMs) / 1000;
+  configuration.diskFullBoundSeconds = static_cast<double>(options.diskFullBoundMs) / 1000;
+  configuration.caFile = options.caFile;
+  return configuration;
+}
+
+// The first frames after the hello, read by hand: no reader runs yet.
+std::optional<Message> receiveMessage(int fd) {
+  FrameReader frames;
+  for (;;) {
+    if (auto body = frames.next()) return decodeMessage(*body);
+    if (frames.failed() || !frames.fill(fd, frames.missing())) return std::nullopt;
+  }
+}
+
+}  // namespace
+
+ServiceBackend::ServiceBackend(const URLSessionConfiguration& configuration)
+    : configuration_(completed(configuration)) {
+  std::vector<TransferTaskInfo> tasks;
+  std::string refusal;
+  FileDescriptor fd = connectAndOpen(false, tasks, refusal);
+  if (!fd) throw Exception(kSessionException, refusal);
+  MutexLock sendLock(sendMutex_);
+  MutexLock lock(mutex_);
+  for (const auto& task : tasks)
+    known_.insert(task.id);
+  tasks_ = std::move(tasks);
+  sendFd_ = fd.get();
+  fd_ = std::move(fd);
+  ++connections_;
+  reader_ = startThread("qn-service", [this] { readUntilClosed(); });
+}
+
+ServiceBackend::~ServiceBackend() {
+  close();
+}
+
+FileDescriptor ServiceBackend::connectAndOpen(bool again, std::vector<TransferTaskInfo>& tasks,
+                                              std::string& refusal) {
+  FileDescriptor fd = connectToService(refusal);
+  if (!fd) return {};
+  const std::string frame =
+      encodeFrame(OpenMessage{.number = 0, .configuration = configuration_, .again = again});
+  bool more = sendAll(fd.get(), frame.data(), frame.size());
+  if (!more) refusal = "The transfer service ended the connection";
+  while (more) {
+    const auto message = receiveMessage(fd.get());
+    const auto* opened = message ? std::get_if<OpenedMessage>(&*message) : nullptr;
+    if (!opened || !opened->refusal.empty()) {
+      refusal = opened ? opened->refusal : "The transfer service gave no answer";
+      return {};
+    }
+    tasks.insert(tasks.end(), opened->tasks.begin(), opened->tasks.end());
+    more = opened->more;
+    if (!more) return fd;
+  }
+  return {};
+}
+
+std::vector<TransferTaskInfo> ServiceBackend::tasks() {
+  MutexLock lock(mutex_);
+  return std::exchange(tasks_, {});
+}
+
+template <class Answer, class Request>
+Answer ServiceBackend::ask(Request request, int timeoutMs) {
+  uint64_t number = 0;
+  {
+    MutexLock sendLock(sendMutex_);
+    number = request.number = ++lastNumber_;
+    send(number, encodeFrame(request), {});
+  }
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  MutexLock lock(mutex_);
+  for (;;) {
+    if (const auto found = answers_.find(number); found != answers_.end()) {
+      auto* answer = std::get_if<Answer>(&found->second);
+      Answer result = answer ? std::move(*answer) : Answer{};
+      answers_.erase(found);
+      return result;
+    }
+    if (closed_) return {};
+    if (changed_.wait_until(mutex_, deadline) == std::cv_status::timeout) return {};
+  }
+}
+
+size_t ServiceBackend::start(Sink sink) {
+  {
+    MutexLock lock(mutex_);
+    if (started_ || closed_) return 0;
+    started_ = true;
+    sink_ = std::move(sink);
+  }
+  return ask<StartedMessage>(StartMessage{}, kAnswerTimeoutMs).heldEvents;
+}
+
+TransferTaskId ServiceBackend::nextIdentifier() {
+  {
+    MutexLock lock(mutex_);
+    if (nextReserved_ < reservedEnd_) return nextReserved_++;
+  }
+  const auto reserved =
+      ask<ReservedMessage>(ReserveMessage{.number = 0, .count = kReserved}, kAnswerTimeoutMs);
+  MutexLock lock(mutex_);
+  // Without a service or room in its store: a number that no store gave out, so that the task can
+  // be made and fail.
+  static constexpr TransferTaskId kUnstored = TransferTaskId{1} << 62;
+  if (nextReserved_ == reservedEnd_) {
+    nextReserved_ =
+        reserved.first ? reserved.first : kUnstored + (TransferClock::systemClock().bootMs() << 10);
+    reservedEnd_ = nextReserved_ + kReserved;
+  }
+  return nextReserved_++;
+}
+
+void ServiceBackend::submit(const TransferBatch& batch, Durability) {
+  if (batch.empty()) return;
+  MutexLock sendLock(sendMutex_);
+  for (size_t first = 0; first < batch.size(); first += kCallsPerMessage) {
+    const size_t end = std::min(batch.size(), first + kCallsPerMessage);
+    BatchMessage message;
+    message.calls.assign(batch.begin() + static_cast<ptrdiff_t>(first),
+                         batch.begin() + static_cast<ptrdiff_t>(end));
+    std::vector<TransferTaskId> created;
+    {
+      MutexLock lock(mutex_);
+      for (const TransferCall& call : message.calls) {
+        if (call.kind == TransferCall::Kind::Create) {
+          known_.insert(call.task);
+          created.push_back(call.task);
+        } else if (call.kind == TransferCall::Kind::Acknowledge) {
+          known_.erase(call.task);
+          toldEndings_.erase(call.task);
+        }
+      }
+    }
+    message.number = ++lastNumber_;
+    const uint64_t number = message.number;
+    send(number, encodeFrame(message), std::move(created));
+  }
+}
+
+void ServiceBackend::send(uint64_t number, std::string frame, std::vector<TransferTaskId> created) {
+  {
+    MutexLock lock(mutex_);
+    unanswered_.push_back(Numbered{number, frame, std::move(created)});
+  }
+  _send(frame);
+}
+
+void ServiceBackend::_send(const std::string& frame) {
+  // A failure shows itself to the reader, which connects again and repeats what was not answered.
+  if (sendFd_ >= 0 && !sendAll(sendFd_, frame.data(), frame.size())) sendFd_ = -1;
+}
+
+int64_t ServiceBackend::millisecondsUntil(int64_t timeMs) const {
+  return std::max<int64_t>(0, timeMs - TransferClock::systemClock().nowMs());
+}
+
+void ServiceBackend::readUntilClosed() {
+  for (;;) {
+    int fd = -1;
+    {
+      MutexLock lock(mutex_);
+      if (closed_) return;
+      fd = fd_.get();
+    }
+    if (fd >= 0) readFrames(fd);
+    if (!reconnect()) return;
+  }
+}
+
+void ServiceBackend::readFrames(int fd) {
+  FrameReader frames;
+  while (frames.fill(fd, 64 << 10)) {
+    while (auto body = frames.next()) {
+      auto message = decodeMessage(*body);
+      if (!message) return;
+      take(std::move(*message));
+    }
+    if (frames.failed()) return;
+  }
+}
+
+void ServiceBackend::take(Message&& message) {
+  if (auto* events = std::get_if<EventsMessage>(&message))
+    return takeEvents(std::move(events->events));
+  const uint64_t number = std::visit(
+      [](const auto& m) -> uint64_t {
+        if constexpr (requires { m.number; }) return m.number;
+        return 0;
+      },
+      message);
+  MutexLock lock(mutex_);
+  const bool done = std::holds_alternative<DoneMessage>(message);
+  // The service answers in order of the numbers: this one and all before it are settled.
+  while (!unanswered_.empty() && unanswered_.front().number <= number)
+    unanswered_.pop_front();
+  lastDone_ = std::max(lastDone_, number);
+  if (!done) answers_.insert_or_assign(number, std::move(message));
+  changed_.notify_all();
+}
+
+void ServiceBackend::takeEvents(std::vector<TransferEvent>&& events) {
+  Sink sink;
+  {
+    MutexLock lock(mutex_);
+    sink = sink_;
+    std::erase_if(events, [this](TransferEvent& event) REQUIRES(mutex_) {
+      // A task that was acknowledged while the service was away, or an ending that was told before
+      // it.
+      if (!known_.contains(event.task) || toldEndings_.contains(event.task)) return true;
+      if (event.kind == TransferEvent::Kind::Finished || event.kind == TransferEvent::Kind::Failed)
+        toldEndings_.insert(event.task);
+      // A new service counts responses from the start.
+      event.responseNumber += connections_ << 40;
+      return false;
+    });
+  }
+  if (sink && !events.empty()) sink(std::move(events));
+}
+
+bool ServiceBackend::reconnect() {
+  int delayMs = 50;
+  for (;;) {
+    {
+      MutexLock sendLock(sendMutex_);
+      sendFd_ = -1;
+    }
+    {
+      MutexLock lock(mutex_);
+      if (closed_) return false;
+      fd_.reset();
+    }
+    std::vector<TransferTaskInfo> tasks;
+    std::string refusal;
+    if (FileDescriptor fd = connectAndOpen(true, tasks, refusal)) {
+      resume(std::move(fd), tasks);
+      return true;
+    }
+    MutexLock lock(mutex_);
+    changed_.wait_for(mutex_, std::chrono::milliseconds(delayMs));
+    delayMs = std::min(delayMs * 2, 5'000);
+  }
+}
+
+void ServiceBackend::resume(FileDescriptor fd, const std::vector<TransferTaskInfo>& tasks) {
+  std::vector<TransferEvent> lost;
+  Sink sink;
+  {
+    MutexLock sendLock(sendMutex_);
+    std::deque<Numbered> again;
+    bool started = false;
+    {
+      MutexLock lock(mutex_);
+      again = unanswered_;
+      started = started_;
+      sink = sink_;
+      lost = _lostTasks(tasks);
+      sendFd_ = fd.get();
+      fd_ = std::move(fd);
+      ++connections_;
+    }
+    for (const Numbered& message : again)
+      _send(message.frame);
+    // Only now: nothing is transferred or told before what was repeated has taken effect.
+    if (started) _send(encodeFrame(StartMessage{.number = 0}));
+  }
+  if (sink && !lost.empty()) sink(std::move(lost));
+}
+
+std::vector<TransferEvent> ServiceBackend::_lostTasks(const std::vector<TransferTaskInfo>& tasks) {
+  std::unordered_set<TransferTaskId> there;
+  for (const auto& task : tasks)
+    there.insert(task.id);
+  for (const auto& message : unanswered_)
+    there.insert(message.created.begin(), message.created.end());
+  std::vector<TransferEvent> lost;
+  for (const TransferTaskId id : known_) {
+    if (there.contains(id) || toldEndings_.contains(id)) continue;
+    TransferEvent event;
+    event.kind = TransferEvent::Kind::Failed;
+    event.task = id;
+    event.error = urlError(URLErrorNetworkConnectionLost, "the transfer service lost the task", {});
+    lost.push_back(std::move(event));
+  }
+  for (const auto& event : lost)
+    toldEndings_.insert(event.task);
+  return lost;
+}
+
+void ServiceBackend::close() {
+  {
+    MutexLock lock(mutex_);
+    if (closed_) return;
+  }
+  uint64_t number = 0;
+  {
+    MutexLock sendLock(sendMutex_);
+    number = ++lastNumber_;
+    send(number, encodeFrame(GoodbyeMessage{.number = number}), {});
+  }
+  {
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(kGoodbyeTimeoutMs);
+    MutexLock lock(mutex_);
+    while (lastDone_ < number && fd_ &&
+           changed_.wait_until(mutex_, deadline) == std::cv_status::no_timeout) {
+    }
+    closed_ = true;
+    sink_ = nullptr;
+    if (fd_) ::shutdown(fd_.get(), SHUT_RDWR);
+    changed_.notify_all();
+  }
+  if (reader_.joinable()) reader_.join();
+}
+
+}  // namespace platform::service
