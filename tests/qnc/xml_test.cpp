@@ -54,6 +54,16 @@ std::string nested(size_t depth) {
   return repeated("<a>", depth) + repeated("</a>", depth);
 }
 
+std::string numbered(const char* format, int count) {
+  std::string out;
+  for (int i = 0; i < count; ++i) {
+    FastString piece = format;
+    piece.replaceAll("%d", std::to_string(i));
+    out += piece.str();
+  }
+  return out;
+}
+
 TEST(Xml, ReadsDocumentsAsTheyCome) {
   const struct {
     std::string document;
@@ -72,7 +82,7 @@ TEST(Xml, ReadsDocumentsAsTheyCome) {
       {"<a><![CDATA[ ]]><b/></a>", "a[b]"},
       // declarations, comments and instructions around the root
       {"<?xml version='1.0'?><?p i?><!-- c --><a/><!-- c -->\n", "a"},
-      {"<!DOCTYPE a [<!ELEMENT a ANY><!ATTLIST a b CDATA 'default'>]><a/>", "a"},
+      {"<!DOCTYPE a [<!ELEMENT a ANY><!ATTLIST a b (x|y) #IMPLIED>]><a b='x'/>", "a b=x"},
       {"<!DOCTYPE a SYSTEM 'http://127.0.0.1:9/x.dtd'><a/>", "a"},
       {"<a><?p i?>x<?p?></a>", "a(x)"},
       // namespaces
@@ -127,7 +137,15 @@ TEST(Xml, RefusesWhatItMust) {
        Result::UnsupportedFeature, "m:1: The DTD declares entities"},
       {"<!DOCTYPE a [<!NOTATION n PUBLIC 'n'><!ENTITY x SYSTEM 'y' NDATA n>]><a/>",
        Result::UnsupportedFeature, "m:1: The DTD declares entities"},
-      // libxml2's limits
+      {"<!DOCTYPE a [<!ATTLIST a b CDATA 'c'>]><a/>", Result::UnsupportedFeature,
+       "m:1: The DTD declares defaults of attributes"},
+      // limits
+      {"<a" + numbered(" b%d=''", 1001) + "/>", Result::OutOfRange,
+       "m:1: An element has too many attributes"},
+      {"<a" + numbered(" xmlns:b%d='u'", 1001) + "/>", Result::OutOfRange,
+       "m:1: An element has too many attributes"},
+      {"<!DOCTYPE a [" + numbered("<!ELEMENT b%d ANY>", 10'000) + "]><a/>", Result::OutOfRange,
+       "m:1: The DTD is too long"},
       {nested(258), Result::OutOfRange, ""},
       {"<a>" + big + "</a>", Result::OutOfRange, "m:1: A text is too long"},
       {"<a b='" + big + "'/>", Result::InvalidFormat, ""},
@@ -150,6 +168,15 @@ TEST(Xml, RefusesTooManyBytesBeforeReadingThem) {
   // Not one of the bytes may be touched: they are not there.
   EXPECT_EQ(document.parse(nullptr, Document::kMaxSize + 1), Result::OutOfRange);
   EXPECT_EQ(document.errorText(), "line 0: The document is larger than 256 MiB");
+}
+
+// libxml2 by itself spends half a minute on this.
+TEST(Xml, EndlessTagsEndSoon) {
+  Document document;
+  EXPECT_EQ(document.parse("<a" + numbered(" b%d=''", 200'000) + "/>"), Result::OutOfRange);
+  EXPECT_EQ(document.errorText(), "line 1: An element has too many attributes");
+  ASSERT_EQ(document.parse("<a" + numbered(" b%d=''", 1000) + "/>"), Result::Success);
+  EXPECT_TRUE(document.root().hasAttribute("b999"));
 }
 
 TEST(Xml, NestsAsDeepAsLibxml2) {

@@ -173,10 +173,11 @@ enum class Canonical { Inclusive10, Exclusive10, Inclusive11 };
 
 // A parsed document. Copies share the tree.
 //
-// Refused, with OutOfRange: more than kMaxSize bytes, and what goes beyond libxml2's own limits
-// (nesting of 257, texts of 10,000,000 bytes). Refused with UnsupportedFeature: a DTD that declares
-// entities. Nothing outside the bytes is ever read: no network, no files, no external entities or
-// subsets.
+// Refused, with OutOfRange: more than kMaxSize bytes, what goes beyond libxml2's own limits
+// (nesting of 257, texts of 10,000,000 bytes), over 1,000 attributes of an element or namespaces in
+// scope, a DTD of more than some 64 KiB. Refused with UnsupportedFeature: a DTD that declares
+// entities or default values of attributes. Nothing outside the bytes is ever read: no network, no
+// files, no external entities or subsets.
 //
 // XPath and canonical serialisation work on libxml2's own tree, which is built from the document's
 // bytes at the first call and then kept; it costs some 600 bytes an element. They are available

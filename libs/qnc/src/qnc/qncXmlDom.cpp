@@ -40,10 +40,6 @@ xmlNode* following(xmlNode* node) {
   return nullptr;
 }
 
-uint32_t indexOf(const xmlNode* node) {
-  return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(node->_private));
-}
-
 Owned<xmlXPathObject> evaluateXPath(xmlDoc* doc, xmlNode* context, std::string_view expression,
                                     const Namespaces& namespaces) {
   Owned<xmlXPathContext> xpath(xmlXPathNewContext(doc));
@@ -86,13 +82,19 @@ std::unique_ptr<Dom> Dom::fromBytes(std::string_view bytes) {
 
 Dom::Dom(xmlDoc* doc) : doc_(doc) {
   for (xmlNode* node = xmlDocGetRootElement(doc); node; node = following(node)) {
-    node->_private = reinterpret_cast<void*>(static_cast<uintptr_t>(elements_.size()));
     elements_.push_back(node);
   }
+  // Whose place in the array is its number; the array stays where it is.
+  for (xmlNode*& place : elements_)
+    place->_private = &place;
 }
 
 Dom::~Dom() {
   xmlFreeDoc(doc_);
+}
+
+uint32_t Dom::indexOf(const xmlNode* node) const {
+  return static_cast<uint32_t>(static_cast<xmlNode* const*>(node->_private) - elements_.data());
 }
 
 Result Dom::select(std::string_view expression, const Namespaces& namespaces, uint32_t context,

@@ -30,6 +30,7 @@ class Dom {
 
  private:
   explicit Dom(_xmlDoc* doc);
+  uint32_t indexOf(const _xmlNode* node) const;
 
   _xmlDoc* doc_;
   std::vector<_xmlNode*> elements_;

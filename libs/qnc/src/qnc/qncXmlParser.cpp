@@ -5,6 +5,7 @@
 
 #include <libxml/parser.h>
 #include <libxml/parserInternals.h>
+#include <libxml/valid.h>
 
 #include "qnc/qncXmlTree.h"
 
@@ -13,30 +14,22 @@ namespace {
 
 // A limit of libxml2's that it applies only while it builds its own tree.
 constexpr size_t kMaxTextSize = XML_MAX_TEXT_LENGTH;
+// libxml2 compares every attribute of an element with every other, and much of a DTD likewise:
+// without these a megabyte could cost it minutes.
+constexpr int kMaxAttributes = 1000;
+constexpr int kMaxNamespaces = 1000;  // in scope
+constexpr size_t kMaxSubsetSize = 64 * 1024;
+
+constexpr char kTooManyAttributes[] = "An element has too many attributes";
+constexpr char kEntities[] = "The DTD declares entities";
 
 std::string_view view(const xmlChar* text) {
   return text ? std::string_view(reinterpret_cast<const char*>(text)) : std::string_view();
 }
 
 bool isBlank(std::string_view text) {
-  return text.find_first_not_of(" \t\r\n") == text.npos;
-}
-
-// Hands the bytes to libxml2 piece by piece, so that it makes no copy of them all.
-int readRest(void* rest, char* to, int size) {
-  auto* bytes = static_cast<std::string_view*>(rest);
-  const size_t count = bytes->copy(to, static_cast<size_t>(size));
-  bytes->remove_prefix(count);
-  return static_cast<int>(count);
-}
-
-// Makes the parser read from `bytes`, which it consumes; false when there is no memory.
-bool attachInput(xmlParserCtxt* context, std::string_view& bytes) {
-  auto* buffer = xmlParserInputBufferCreateIO(readRest, nullptr, &bytes, XML_CHAR_ENCODING_NONE);
-  if (!buffer) return false;
-  auto* input = xmlNewIOInputStream(context, buffer, XML_CHAR_ENCODING_NONE);
-  if (!input) xmlFreeParserInputBuffer(buffer);
-  return input && inputPush(context, input) >= 0;
+  return std::all_of(text.begin(), text.end(),
+                     [](char c) { return c == ' ' || c == '\n' || c == '\t' || c == '\r'; });
 }
 
 void ignoreMessage(void*, const char*, ...) {}
@@ -150,6 +143,11 @@ class Builder {
     }
   };
 
+  // Hands the bytes to libxml2 piece by piece: it makes no copy of them all, and what it has met
+  // in a tag or a DTD that has no end can be looked at in between.
+  static int read(void* builder, char* to, int size);
+  bool attachInput();
+  void checkLimits();
   static xmlSAXHandler handler();
   // Runs `action` of the builder that libxml2 hands back; nothing may be thrown through libxml2.
   template <class Action>
@@ -159,6 +157,8 @@ class Builder {
                     const xmlChar** attributes, int count);
   void endElement();
   void characters(std::string_view text);
+  void fail(Result result, const char* reason);
+  // The same from within an event, which is the last one.
   void refuse(Result result, const char* reason);
   void noteError(const xmlError& error);
 
@@ -166,6 +166,8 @@ class Builder {
   NameTable names_;
   ParseError& error_;
   Result result_ = Result::Success;
+  std::string_view rest_;  // of the bytes
+  size_t subsetSize_ = 0;  // bytes read while in a DTD
   xmlParserCtxtPtr context_ = nullptr;
   std::vector<Frame> frames_;  // the first depth_ are open; the rest keep their memory
   size_t depth_ = 0;
@@ -181,12 +183,42 @@ void Builder::run(void* data, Action action) {
   }
 }
 
-void Builder::refuse(Result result, const char* reason) {
+void Builder::fail(Result result, const char* reason) {
   if (failed(result_)) return;
   result_ = result;
   error_.reason = reason;
   error_.line = context_->input ? static_cast<uint32_t>(std::max(context_->input->line, 0)) : 0;
+}
+
+void Builder::refuse(Result result, const char* reason) {
+  fail(result, reason);
   xmlStopParser(context_);
+}
+
+int Builder::read(void* data, char* to, int size) {
+  auto* builder = static_cast<Builder*>(data);
+  builder->checkLimits();
+  if (failed(builder->result_)) return -1;
+  const size_t count = builder->rest_.copy(to, static_cast<size_t>(size));
+  builder->rest_.remove_prefix(count);
+  if (builder->context_->inSubset != 0) builder->subsetSize_ += count;
+  return static_cast<int>(count);
+}
+
+bool Builder::attachInput() {
+  auto* buffer = xmlParserInputBufferCreateIO(read, nullptr, this, XML_CHAR_ENCODING_NONE);
+  if (!buffer) return false;
+  auto* input = xmlNewIOInputStream(context_, buffer, XML_CHAR_ENCODING_NONE);
+  if (!input) xmlFreeParserInputBuffer(buffer);
+  return input && inputPush(context_, input) >= 0;
+}
+
+void Builder::checkLimits() {
+  // Five places an attribute, doubled as they fill; two a namespace.
+  if (context_->maxatts > 2 * 5 * kMaxAttributes || context_->nsNr > 2 * kMaxNamespaces) {
+    fail(Result::OutOfRange, kTooManyAttributes);
+  }
+  if (subsetSize_ > kMaxSubsetSize) fail(Result::OutOfRange, "The DTD is too long");
 }
 
 void Builder::noteError(const xmlError& error) {
@@ -205,6 +237,9 @@ void Builder::noteError(const xmlError& error) {
 
 void Builder::startElement(const xmlChar* local, const xmlChar* prefix, const xmlChar* uri,
                            const xmlChar** attributes, int count) {
+  if (count > kMaxAttributes || context_->nsNr > 2 * kMaxNamespaces) {
+    return refuse(Result::OutOfRange, kTooManyAttributes);
+  }
   Tree::Node node{};
   node.name = names_.idOf(local, prefix, uri);
   node.parent = Tree::kNone;
@@ -268,13 +303,19 @@ xmlSAXHandler Builder::handler() {
   sax.ignorableWhitespace = sax.characters;
   sax.cdataBlock = sax.characters;
   sax.entityDecl = [](void* self, const xmlChar*, int, const xmlChar*, const xmlChar*, xmlChar*) {
-    run(self,
-        [](Builder& b) { b.refuse(Result::UnsupportedFeature, "The DTD declares entities"); });
+    run(self, [](Builder& b) { b.refuse(Result::UnsupportedFeature, kEntities); });
   };
   sax.unparsedEntityDecl = [](void* self, const xmlChar*, const xmlChar*, const xmlChar*,
                               const xmlChar*) {
-    run(self,
-        [](Builder& b) { b.refuse(Result::UnsupportedFeature, "The DTD declares entities"); });
+    run(self, [](Builder& b) { b.refuse(Result::UnsupportedFeature, kEntities); });
+  };
+  sax.attributeDecl = [](void* self, const xmlChar*, const xmlChar*, int, int, const xmlChar* value,
+                         xmlEnumerationPtr values) {
+    xmlFreeEnumeration(values);
+    if (!value) return;
+    run(self, [](Builder& b) {
+      b.refuse(Result::UnsupportedFeature, "The DTD declares defaults of attributes");
+    });
   };
   sax.serror = [](void* self, xmlErrorPtr error) {
     run(self, [&](Builder& b) { b.noteError(*error); });
@@ -292,7 +333,8 @@ Result Builder::parse(std::string_view bytes) {
   xmlCtxtUseOptions(context_, parserOptions());
   *context_->sax = handler();
   context_->userData = this;
-  const bool attached = attachInput(context_, bytes);
+  rest_ = bytes;
+  const bool attached = attachInput();
   if (attached) xmlParseDocument(context_);
   const bool wellFormed = context_->wellFormed != 0;
   // A DTD makes the parser create a document even so.
