@@ -16,13 +16,14 @@ class AdaptationSet {
  public:
   AdaptationSet(int32_t id, ContentType contentType, qnc::FastString lang, qnc::FastString mimeType,
                 std::vector<std::shared_ptr<Representation>> representations,
-                ContentProtectionList contentProtections)
+                ContentProtectionList contentProtections, bool trickMode = false)
       : id_(id),
         contentType_(contentType),
         lang_(std::move(lang)),
         mimeType_(std::move(mimeType)),
         representations_(std::move(representations)),
-        contentProtections_(std::move(contentProtections)) {}
+        contentProtections_(std::move(contentProtections)),
+        trickMode_(trickMode) {}
 
   int32_t id() const { return id_; }  // -1 absent
   // What the set states, its components state or its Representations' types tell.
@@ -35,6 +36,9 @@ class AdaptationSet {
   }
   // Those of the set and of all its Representations, each scheme once.
   const ContentProtectionList& contentProtections() const { return contentProtections_; }
+  // Serves fast forward and rewind only (DASH-IF IOP, scheme
+  // "http://dashif.org/guidelines/trickmode").
+  bool isTrickMode() const { return trickMode_; }
 
  private:
   int32_t id_;
@@ -43,6 +47,7 @@ class AdaptationSet {
   qnc::FastString mimeType_;
   std::vector<std::shared_ptr<Representation>> representations_;
   ContentProtectionList contentProtections_;
+  bool trickMode_;
 };
 
 }  // namespace mpl::dash

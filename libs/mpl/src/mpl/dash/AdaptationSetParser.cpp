@@ -34,6 +34,13 @@ std::shared_ptr<Representation> makeRepresentation(
       "SegmentBase must be of type SingleSegmentBase or MultiSegmentBase");
 }
 
+// Whether a property of a set marks it as a trick-mode set.
+bool isTrickModeProperty(const Element& element) {
+  return (element.localName() == "EssentialProperty" ||
+          element.localName() == "SupplementalProperty") &&
+         element.attribute("schemeIdUri") == "http://dashif.org/guidelines/trickmode";
+}
+
 }  // namespace
 
 bool parseSegmentElement(const Element& element, const SharedText& baseURL,
@@ -65,6 +72,7 @@ std::unique_ptr<AdaptationSet> parseAdaptationSet(const Element& element, Shared
   FastString lang = element.getAttributeValue("lang");
 
   bool haveBaseURL = false;
+  bool trickMode = false;
   ContentProtectionsBuilder builder;
   std::vector<std::shared_ptr<Representation>> representations;
   for (const Element& child : element.children()) {
@@ -85,12 +93,14 @@ std::unique_ptr<AdaptationSet> parseAdaptationSet(const Element& element, Shared
       representations.push_back(std::move(representation));
     } else if (name == "AudioChannelConfiguration") {
       audioChannels = parseAudioChannelConfiguration(child);
+    } else if (isTrickModeProperty(child)) {
+      trickMode = true;
     } else {
       (void)parseSegmentElement(child, baseURL, segmentBase);
     }
   }
   return std::make_unique<AdaptationSet>(id, contentType, std::move(lang), mimeType,
-                                         std::move(representations), builder.build());
+                                         std::move(representations), builder.build(), trickMode);
 }
 
 std::shared_ptr<Representation> parseRepresentation(

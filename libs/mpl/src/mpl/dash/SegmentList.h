@@ -23,6 +23,7 @@ class MediaSegments {
 
   bool empty() const { return ends_.empty(); }
   size_t size() const { return ends_.size(); }
+  size_t textSize() const { return text_.size(); }  // of all references
   RangedURI operator[](size_t index) const;
   std::string_view reference(size_t index) const;
   Range range(size_t index) const { return ranges_.empty() ? Range() : ranges_[index]; }

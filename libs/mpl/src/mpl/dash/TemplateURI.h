@@ -32,6 +32,8 @@ class TemplateURI {
   static qnc::FastString build(std::string_view text, std::string_view representationId,
                                int32_t number, int32_t bandwidth, int64_t time);
   void append(std::string& out, int32_t number, int64_t time) const;
+  // No URL comes out longer than this.
+  size_t maximumLength() const { return longest_; }
 
   // The template whose URLs are this one's resolved against `base`, so that a list of segments
   // resolves once. nullopt in the rare case that this cannot be told beforehand.
