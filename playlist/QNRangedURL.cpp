@@ -12,7 +12,9 @@ QNRangedURL::BaseURL shared(const std::optional<std::string>& baseURL) {
 
 constexpr uint64_t kEndOfResource = std::numeric_limits<uint64_t>::max();
 
-uint64_t endOf(uint64_t offset, uint64_t length) { return length == 0 ? kEndOfResource : offset + length; }
+uint64_t endOf(uint64_t offset, uint64_t length) {
+  return length == 0 ? kEndOfResource : offset + length;
+}
 
 }  // namespace
 

@@ -48,8 +48,8 @@ class QN_EXPORT QNRangedURL {
   void setBaseURL(BaseURL baseURL) { baseURL_ = std::move(baseURL); }
   void setBaseURL(const std::optional<std::string>& baseURL);
 
-  // Grows to the span from the first to the last byte of both ranges, the bytes between them included. A length of 0
-  // reaches to the end.
+  // Grows to the span from the first to the last byte of both ranges, the bytes between them
+  // included. A length of 0 reaches to the end.
   void cover(uint64_t offset, uint64_t length);
 
   bool hasRange() const { return offset_ != 0 || length_ != 0; }

@@ -1,4 +1,3 @@
-#include <functional>
 
 #include <gtest/gtest.h>
 
@@ -20,16 +19,6 @@ using Text = std::optional<std::string>;
 
 std::shared_ptr<QNTrack> track(QNMediaType type, Text name = {}, Text language = {}) {
   return QNTrack::trackWithType(type, 10, std::move(name), std::move(language), 0, nullptr);
-}
-
-// What a call throws as "name: reason", or nothing.
-std::string thrown(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const platform::Exception& exception) {
-    return exception.name() + ": " + exception.reason();
-  }
-  return {};
 }
 
 TEST(Model, ParentsAreKnownWeaklyAndChildrenKeptInOrder) {
