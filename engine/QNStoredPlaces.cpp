@@ -150,7 +150,8 @@ std::unordered_set<std::string> QNStoredPlaces::placesKeptBy(
   if (!hasShared_) return places;
   for (const auto& quality : others) {
     for (const auto& resource : quality->resources()) {
-      if (auto place = placeOf(*resource)) places.insert(std::move(*place));
+      auto place = placeOf(*resource);
+      if (place && isStoredFor(*resource, *place)) places.insert(std::move(*place));
     }
   }
   return places;

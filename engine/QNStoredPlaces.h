@@ -45,7 +45,7 @@ class QNStoredPlaces {
   void willStore(const QNResourceDownloadInfo& resource);
   void didRemove(const std::string& place);
 
-  // Files of `removed` that one of `others` lists too.
+  // The files that hold resources of these qualities; empty when no two resources share one.
   std::unordered_set<std::string> placesKeptBy(const std::vector<QualityInfo>& others) const;
   bool hasSharedPlaces() const { return hasShared_; }
 

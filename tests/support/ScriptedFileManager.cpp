@@ -1,6 +1,8 @@
 #include "tests/support/ScriptedFileManager.h"
 
 #include <cerrno>
+#include <cstdio>
+#include <fstream>
 #include <utility>
 
 namespace qntest {
@@ -68,7 +70,12 @@ ErrorPtr ScriptedFileManager::removeItem(const std::string& path) {
 ErrorPtr ScriptedFileManager::writeAtomically(const std::string& path, const void* bytes,
                                               size_t size, unsigned mode) {
   if (auto error = refusal("writeAtomically", path)) return error;
-  return FileManager::writeAtomically(path, bytes, size, mode);
+  if (!fast_) return FileManager::writeAtomically(path, bytes, size, mode);
+  const std::string temporary = path + ".new";
+  std::ofstream(temporary, std::ios::binary)
+      .write(static_cast<const char*>(bytes), static_cast<std::streamsize>(size));
+  if (rename(temporary.c_str(), path.c_str()) == 0) return nullptr;
+  return platform::Error::errorWithErrno(errno, "writeAtomically", path);
 }
 
 }  // namespace qntest

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -23,6 +24,8 @@ class ScriptedFileManager : public platform::FileManager {
 
   // Asked before each change; an errno other than 0 is how the call fails.
   void setFault(Fault fault) { fault_ = std::move(fault); }
+  // Writes without flushing the disk, which no test of logic needs.
+  void setFast() { fast_ = true; }
   // How many times the file system was asked anything at all.
   uint64_t calls() const { return calls_; }
 
@@ -41,6 +44,7 @@ class ScriptedFileManager : public platform::FileManager {
 
   std::shared_ptr<KillSwitch> killSwitch_;
   Fault fault_;
+  bool fast_ = false;
   std::atomic<uint64_t> calls_{0};
 };
 
