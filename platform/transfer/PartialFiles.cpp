@@ -22,8 +22,8 @@ namespace {
 
 std::atomic<bool> hasHook{false};
 PartialFiles::Hook& hook() {
-  static PartialFiles::Hook instance;
-  return instance;
+  static auto* const instance = new PartialFiles::Hook;  // outlives every thread
+  return *instance;
 }
 
 int fault(const char* operation) {

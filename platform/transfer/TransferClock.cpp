@@ -29,8 +29,9 @@ class SystemClock final : public TransferClock {
 TransferClock::~TransferClock() = default;
 
 TransferClock& TransferClock::systemClock() {
-  static SystemClock clock;
-  return clock;
+  // Never destroyed: the threads of an open session look at it until the process is gone.
+  static auto* const clock = new SystemClock;
+  return *clock;
 }
 
 }  // namespace platform

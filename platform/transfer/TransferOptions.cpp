@@ -61,8 +61,8 @@ std::optional<dev_t> deviceOf(std::string path) {
 }  // namespace
 
 const TransferOptions& TransferOptions::defaults() {
-  static const TransferOptions options = readDefaults();
-  return options;
+  static const auto* const options = new TransferOptions(readDefaults());  // outlives every thread
+  return *options;
 }
 
 TransferOptions TransferOptions::fromConfiguration(const URLSessionConfiguration& configuration) {
