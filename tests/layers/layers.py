@@ -46,7 +46,7 @@ THIRD_PARTY = {
 # The C library and the kernel. What is neither here, nor above, nor C++'s own is not known to the project.
 SYSTEM = re.compile(
     r"(sys|netinet|arpa|linux|net)/\w+\.h$"
-    r"|(dirent|dlfcn|errno|fcntl|ifaddrs|limits|netdb|poll|pthread|pwd|sched|signal|stdint|stdio|stdlib|string|time"
+    r"|(dirent|dlfcn|errno|fcntl|ifaddrs|limits|netdb|poll|pthread|pwd|sched|signal|spawn|stdint|stdio|stdlib|string|time"
     r"|unistd)\.h$")
 STANDARD = re.compile(r"[a-z_0-9]+$")
 

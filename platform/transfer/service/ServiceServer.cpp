@@ -13,7 +13,7 @@
 #include <unistd.h>
 
 #include "platform/Exception.h"
-#include "platform/host/QNLog.h"
+#include "platform/Log.h"
 #include "platform/transfer/TransferClock.h"
 #include "platform/transfer/TransferEngine.h"
 #include "platform/transfer/TransferOptions.h"
@@ -352,7 +352,7 @@ void ServiceServer::recover() {
       slot.isSaved = true;
       slot.session->start();
     } catch (const std::exception& failure) {
-      QNLog(QNLogLevelError, std::string("Error: ") + failure.what());
+      logError(std::string("Error: ") + failure.what());
     }
   }
 }
@@ -376,8 +376,8 @@ void ServiceServer::launchWhatIsDue(int64_t now) {
     slot.launched =
         startLaunchCommand(*configuration.launchCommand, configuration.identifier, &error);
     if (slot.launched != 0) continue;
-    QNLog(QNLogLevelError, "Error: cannot start the command of session " +
-                               configuration.identifier + ": " + std::to_string(error));
+    logError("Error: cannot start the command of session " + configuration.identifier + ": " +
+             std::to_string(error));
     considerLaunch(slot);
   }
 }

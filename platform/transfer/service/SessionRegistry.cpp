@@ -5,7 +5,7 @@
 #include <sys/stat.h>
 
 #include "platform/FileManager.h"
-#include "platform/host/QNLog.h"
+#include "platform/Log.h"
 #include "platform/transfer/TransferOptions.h"
 #include "platform/transfer/service/ServiceMessages.h"
 #include "platform/transfer/service/Wire.h"
@@ -58,7 +58,7 @@ std::vector<SessionRecord> SessionRegistry::load() const {
     if (record) {
       records.push_back(std::move(*record));
     } else {
-      QNLog(QNLogLevelError, "Error: " + path + " is damaged and was removed");
+      logError("Error: " + path + " is damaged and was removed");
       files.removeItem(path);
     }
   }
@@ -75,7 +75,7 @@ void SessionRegistry::save(const SessionRecord& record) const {
   const std::string path = pathOf(keyOf(record.configuration));
   if (const ErrorPtr error = FileManager::defaultManager().writeAtomically(path, out.bytes().data(),
                                                                            out.bytes().size()))
-    QNLog(QNLogLevelError, "Error: " + error->localizedDescription());
+    logError("Error: " + error->localizedDescription());
   ::chmod(path.c_str(), 0600);
 }
 
