@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/Log.h"
 #include "platform/transfer/CurlLoop.h"
 #include "platform/transfer/HttpExchange.h"
 #include "platform/transfer/ThreadSetup.h"
@@ -15,9 +16,12 @@ constexpr int kLockWaitMs = 3'000;
 // Changes that need not be stored at once are stored together, so late at most.
 constexpr int64_t kCommitDelayMs = 10;
 
-std::unique_ptr<TransferStore> openStore(const TransferLocation& location) {
-  return std::make_unique<TransferStore>(location.storeDirectory, location.partialDirectory,
-                                         location.identifier, kLockWaitMs);
+std::unique_ptr<TransferStore> openStore(const TransferLocation& location,
+                                         const TransferOptions& options) {
+  auto store = std::make_unique<TransferStore>(location.storeDirectory, location.partialDirectory,
+                                               location.identifier, kLockWaitMs);
+  if (!store->saveSession(options)) logError("Session store: the settings could not be stored");
+  return store;
 }
 
 }  // namespace
@@ -27,7 +31,7 @@ TransferBackend::~TransferBackend() = default;
 TransferEngine::TransferEngine(const TransferLocation& location, const TransferOptions& options,
                                bool ephemeral, TransferClock& clock)
     : clock_(clock),
-      ledger_(openStore(location), ephemeral),
+      ledger_(openStore(location, options), ephemeral),
       loop_(std::make_unique<CurlLoop>(CurlLoop::Options{options.transfers, options.caFile},
                                        &HttpExchange::done)),
       scheduler_(std::make_unique<TransferScheduler>(ledger_, *loop_, clock, options)),

@@ -39,6 +39,12 @@ void dropContent(TransferContent& content) {
   content.file = name;
 }
 
+void setContentKeepingSynced(TransferRecord& record, const TransferContent& content) {
+  const int64_t synced = record.content.file == content.file ? record.content.synced : 0;
+  record.content = content;
+  record.content.synced = std::min(synced, content.received);
+}
+
 bool canBeContinued(const TransferContent& content) {
   const int status = content.response ? content.response->statusCode() : 0;
   if (status != 200 && status != 206) return false;
@@ -343,11 +349,23 @@ bool TransferLedger::setContent(TransferTaskId id, const TransferContent& conten
   MutexLock lock(mutex_);
   const EntryPtr entry = _find(id);
   if (!entry || entry->record.stage != TransferStage::None) return false;
-  entry->record.content = content;
+  setContentKeepingSynced(entry->record, content);
   entry->record.effort = effort;
   entry->factsChanged = true;
   _markChanged(entry);
   return true;
+}
+
+void TransferLedger::setSynced(TransferTaskId id, const PartialName& file, int64_t length) {
+  MutexLock lock(mutex_);
+  const EntryPtr entry = _find(id);
+  if (!entry) return;
+  auto& content = entry->record.content;
+  // Of a file that the record does not name yet nothing is known that could be continued.
+  if (content.file != file || content.synced >= length) return;
+  content.synced = length;
+  entry->factsChanged = true;
+  _markChanged(entry);
 }
 
 std::vector<TransferEvent> TransferLedger::end(const std::vector<Ending>& endings) {
@@ -361,7 +379,7 @@ std::vector<TransferEvent> TransferLedger::end(const std::vector<Ending>& ending
       const EntryPtr entry = _find(ending.id);
       if (!entry || entry->record.stage != TransferStage::None) continue;
       auto& record = entry->record;
-      record.content = ending.content;
+      setContentKeepingSynced(record, ending.content);
       record.error = ending.error;
       record.stage = ending.error ? TransferStage::Failed : TransferStage::Finished;
       if (ending.resumable) record.resumeToken = makeResumeToken();

@@ -48,6 +48,9 @@ class TransferLedger {
   std::optional<TransferRecord> unfinishedTask(TransferTaskId id) const;
   [[nodiscard]] bool setContent(TransferTaskId id, const TransferContent& content,
                                 const TransferEffort& effort);
+  // The first `length` bytes of the file have reached the disk; what the transfer tells of its
+  // content leaves that alone.
+  void setSynced(TransferTaskId id, const PartialName& file, int64_t length);
   struct Ending {
     TransferTaskId id = 0;
     TransferContent content;

@@ -82,6 +82,8 @@ TransferOptions TransferOptions::fromConfiguration(const URLSessionConfiguration
   if (!configuration.caFile.empty()) options.caFile = configuration.caFile;
   options.allowsCellularAccess = configuration.allowsCellularAccess;
   options.discretionary = configuration.discretionary;
+  options.sendsLaunchEvents = configuration.sessionSendsLaunchEvents;
+  options.launchCommand = configuration.launchCommand;
   return options;
 }
 

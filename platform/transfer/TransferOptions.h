@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "platform/URLSession.h"
@@ -22,6 +23,10 @@ struct TransferOptions {
   std::string caFile;
   bool allowsCellularAccess = true;
   bool discretionary = false;
+  bool sendsLaunchEvents = false;
+  std::optional<LaunchCommand> launchCommand;
+
+  bool operator==(const TransferOptions&) const = default;
 
   static const TransferOptions& defaults();
   static TransferOptions fromConfiguration(const URLSessionConfiguration& configuration);
@@ -32,7 +37,7 @@ std::string defaultStateDirectory();
 // The configuration's, else the default.
 std::string stateRoot(const URLSessionConfiguration& configuration);
 
-// Where a session's things lie. `storeDirectory` holds database, lock and log of damage;
+// Where a session's things lie. `storeDirectory` holds the database and the lock,
 // `partialDirectory` the files that are being filled.
 struct TransferLocation {
   std::string identifier;

@@ -17,6 +17,13 @@ constexpr int64_t kRoomCheckMs = 2'000;
 constexpr int64_t kRoomWanted = 4 << 20;
 // What is known of a response is stored once it is worth something; a shorter file is soon whole.
 constexpr int64_t kWorthStoring = 64 << 10;
+// Bytes go to the disk after so many, or less often; what is not there is lost with the power.
+constexpr int64_t kFlushBytes = 16 << 20;
+constexpr int64_t kFlushIntervalMs = 10'000;
+constexpr int64_t kFlushMinimum = 256 << 10;
+constexpr int kFlushWaitMs = 2'000;
+// While the byte rate allows it one more paused transfer goes on after so long.
+constexpr int64_t kReleaseIntervalMs = 5;
 
 bool isFull(int error) {
   return error == ENOSPC || error == EDQUOT;
@@ -30,6 +37,8 @@ TransferScheduler::TransferScheduler(TransferLedger& ledger, CurlLoop& loop, Tra
       loop_(loop),
       clock_(clock),
       options_(options),
+      limiter_(options.bytesPerSecond),
+      flusher_([&loop] { loop.wake(); }),
       random_(std::random_device{}()) {}
 
 TransferScheduler::~TransferScheduler() = default;
@@ -71,6 +80,7 @@ void TransferScheduler::taskChanged(TransferTaskId id) {
     nextTimeoutMs_ = std::min(nextTimeoutMs_, now());
     setTrying(*job, true);
     tellWait(*job, URLSessionTaskWait::None);
+    job->throttled = false;
     job->download->unpause();
   }
 }
@@ -122,6 +132,7 @@ void TransferScheduler::suspend(Job& job) {
 // What the ledger knows is enough to go on from.
 void TransferScheduler::park(Job& job) {
   stopDownload(job);
+  considerFlush(job, kFlushMinimum);
   job.effort.stalledMs = job.clock.elapsed(now());
   job.effort.wait = URLSessionTaskWait::Suspended;
   static_cast<void>(ledger_.setContent(job.id, job.content, job.effort));
@@ -193,6 +204,10 @@ void TransferScheduler::setNetwork(const NetworkStatus& status) {
 
 void TransferScheduler::startQueued() {
   if (networkWait() != URLSessionTaskWait::None) return;
+  if (!limiter_.mayRead(now())) {
+    nextReleaseMs_ = std::min(nextReleaseMs_, limiter_.nextReadMs(now()));
+    return;
+  }
   bool started = true;
   while (started && active_ < options_.transfers) {
     started = false;
@@ -222,6 +237,10 @@ void TransferScheduler::startDownload(Job& job) {
   job.connected = false;
   job.responsesSeen = 0;
   job.contentStored = false;
+  job.throttled = false;
+  job.counted = job.content.received;
+  job.flushAsked = job.content.synced;
+  job.flushAtMs = now();
   job.activeAtMs = now();
   job.retryDelayMs = -1;
   nextTimeoutMs_ = std::min(nextTimeoutMs_, now() + options_.connectTimeoutMs);
@@ -261,10 +280,12 @@ void TransferScheduler::downloadDidEnd(Download& download) {
 // --- After a round ------------------------------------------------------------------------------
 
 void TransferScheduler::endRound() {
+  takeFlushed();
   takeTouched();
   takeEnded();
   runTimers();
   checkTimeouts();
+  releaseThrottled();
   takeEnded();
   startQueued();
   takeEnded();  // what could not even be asked for
@@ -295,6 +316,8 @@ void TransferScheduler::takeTouched() {
     }
     if (!job->reportDirty) unreported_.push_back(id);
     job->reportDirty = true;
+    considerFlush(*job, kFlushBytes);
+    if (limiter_.limits()) throttle(*job);
   }
   touched_.clear();
 }
@@ -304,6 +327,7 @@ void TransferScheduler::noteResponse(Job& job) {
   if (job.download->responses() == job.responsesSeen) return;
   job.responsesSeen = job.download->responses();
   ++job.responseNumber;
+  job.counted = job.download->base();
   job.base = job.download->content().reportDue ? 0 : job.download->base();
 }
 
@@ -368,6 +392,7 @@ std::optional<int64_t> TransferScheduler::retryDelay(Job& job,
 void TransferScheduler::retry(Job& job, int64_t delayMs, bool holdHost) {
   leaveActive(job);
   ++job.effort.attempts;
+  considerFlush(job, kFlushMinimum);
   job.state = State::Retrying;
   job.untilMs = now() + delayMs;
   job.host->health.failed(job.untilMs, holdHost);
@@ -432,10 +457,64 @@ void TransferScheduler::commitEndings() {
   endedResponses_.clear();
 }
 
+// --- Rate and disk ------------------------------------------------------------------------------
+
+TransferContent& TransferScheduler::contentOf(Job& job) {
+  return job.download ? job.download->content() : job.content;
+}
+
+void TransferScheduler::throttle(Job& job) {
+  const int64_t received = contentOf(job).received;
+  limiter_.take(received - std::exchange(job.counted, received), now());
+  if (limiter_.mayRead(now()) || job.state != State::Active) return;
+  job.throttled = true;
+  job.download->pause();
+  throttled_.push_back(job.id);
+  nextReleaseMs_ = std::min(nextReleaseMs_, limiter_.nextReadMs(now()));
+}
+
+// One after the other, each when what the one before read too much is paid back.
+void TransferScheduler::releaseThrottled() {
+  if (nextReleaseMs_ > now()) return;
+  nextReleaseMs_ = kNeverMs;
+  if (!limiter_.mayRead(now())) {
+    nextReleaseMs_ = limiter_.nextReadMs(now());
+    return;
+  }
+  while (!throttled_.empty()) {
+    Job* const job = find(throttled_.front());
+    throttled_.pop_front();
+    if (!job || !job->throttled || job->state != State::Active || !job->download) continue;
+    job->throttled = false;
+    job->activeAtMs = now();
+    nextTimeoutMs_ = std::min(nextTimeoutMs_, now() + options_.stallTimeoutMs);
+    job->download->unpause();
+    break;
+  }
+  if (!throttled_.empty()) nextReleaseMs_ = now() + kReleaseIntervalMs;
+}
+
+// When there are so many new bytes that can be continued.
+void TransferScheduler::considerFlush(Job& job, int64_t bytes) {
+  const auto& content = contentOf(job);
+  if (content.received - job.flushAsked < bytes || content.validator.empty()) return;
+  job.flushAsked = content.received;
+  job.flushAtMs = now();
+  FileDescriptor fd;
+  if (ledger_.files().openForAppend(content.file, fd) != 0) return;
+  flusher_.flush({job.id, content.file, content.received}, std::move(fd));
+}
+
+void TransferScheduler::takeFlushed() {
+  for (const auto& flushed : flusher_.takeFlushed())
+    ledger_.setSynced(flushed.task, flushed.file, flushed.length);
+}
+
 // --- Time ---------------------------------------------------------------------------------------
 
 int64_t TransferScheduler::nextDeadlineMs() const {
   int64_t next = std::min(nextTimerMs_, nextTimeoutMs_);
+  next = std::min(next, nextReleaseMs_);
   if (!unreported_.empty()) next = std::min(next, nextReportMs_);
   return next;
 }
@@ -479,6 +558,7 @@ void TransferScheduler::checkTimeouts() {
   std::vector<Job*> late;
   for (const auto& [id, job] : jobs_) {
     if (job->state != State::Active || !job->download) continue;
+    if (job->throttled) continue;
     const int64_t limit = job->connected ? options_.stallTimeoutMs : options_.connectTimeoutMs;
     if (job->activeAtMs + limit <= now()) {
       late.push_back(job.get());
@@ -500,7 +580,8 @@ void TransferScheduler::report() {
     job->reportDirty = false;
     if (job->responseNumber == 0) continue;
     if (job->download) job->download->content().reportDue = false;
-    const auto& content = job->download ? job->download->content() : job->content;
+    if (now() - job->flushAtMs >= kFlushIntervalMs) considerFlush(*job, kFlushMinimum);
+    const auto& content = contentOf(*job);
     TransferEvent event;
     event.kind = TransferEvent::Kind::Progress;
     event.task = id;
@@ -558,9 +639,12 @@ std::vector<TransferEvent> TransferScheduler::takeEvents() {
 void TransferScheduler::stop() {
   for (const auto& [id, job] : jobs_) {
     stopDownload(*job);
+    considerFlush(*job, kFlushMinimum);
     job->effort.stalledMs = job->clock.elapsed(now());
     static_cast<void>(ledger_.setContent(id, job->content, job->effort));
   }
+  flusher_.wait(kFlushWaitMs);
+  takeFlushed();
   jobs_.clear();
   hosts_.clear();
   active_ = 0;

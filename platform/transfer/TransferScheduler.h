@@ -13,6 +13,8 @@
 
 #include "platform/NetworkMonitor.h"
 #include "platform/transfer/Download.h"
+#include "platform/transfer/FileFlusher.h"
+#include "platform/transfer/RateLimiter.h"
 #include "platform/transfer/RetryPolicy.h"
 #include "platform/transfer/TransferClock.h"
 #include "platform/transfer/TransferLedger.h"
@@ -79,6 +81,10 @@ class TransferScheduler final : public Download::Owner {
     int64_t base = 0;
     bool contentStored = false;
     bool reportDirty = false;
+    int64_t counted = 0;     // bytes that the rate limit knows of
+    bool throttled = false;  // paused by it
+    int64_t flushAsked = 0;  // bytes that were sent to the disk
+    int64_t flushAtMs = 0;   // when
     URLSessionTaskWait toldWait = URLSessionTaskWait::None;
   };
 
@@ -100,6 +106,12 @@ class TransferScheduler final : public Download::Owner {
   void leaveActive(Job& job);
   void setTrying(Job& job, bool trying);
   void stopDownload(Job& job);
+
+  void throttle(Job& job);
+  void releaseThrottled();
+  void considerFlush(Job& job, int64_t bytes);
+  void takeFlushed();
+  static TransferContent& contentOf(Job& job);
 
   void takeTouched();
   void takeEnded();
@@ -144,6 +156,10 @@ class TransferScheduler final : public Download::Owner {
   int64_t nextReportMs_ = 0;  // no report before
   int64_t nextTimeoutMs_ = kNeverMs;
   int64_t nextTimerMs_ = kNeverMs;  // of Graced, Retrying, DiskFull and held hosts
+  RateLimiter limiter_;
+  std::deque<TransferTaskId> throttled_;
+  int64_t nextReleaseMs_ = kNeverMs;
+  FileFlusher flusher_;
   std::mt19937_64 random_;
 };
 

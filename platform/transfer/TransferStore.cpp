@@ -202,6 +202,18 @@ void TransferStore::setAside(const std::string& why) {
   }
 }
 
+bool TransferStore::saveSession(const TransferOptions& options) {
+  TransferRowWriter row(database_, kSessionUpdate);
+  bindSession(row, files_->directory(), options);
+  return row.step();
+}
+
+TransferSessionRecord TransferStore::session() {
+  TransferRowReader row(database_, kSessionSelect);
+  if (!row.next()) fail("read");
+  return readSessionRow(row);
+}
+
 std::vector<TransferRecord> TransferStore::load() {
   std::vector<TransferRecord> records;
   const std::string sql = std::string("SELECT id, method, url, headers, ") + kOwnColumns + ", " +

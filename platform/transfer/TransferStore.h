@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/transfer/PartialFiles.h"
+#include "platform/transfer/TransferOptions.h"
 #include "platform/transfer/TransferTypes.h"
 
 struct sqlite3;
@@ -60,6 +61,17 @@ struct TransferChange {
   TransferRecord record;
 };
 
+// What is remembered of the session itself, so that its transfers can go on without the
+// application.
+struct TransferSessionRecord {
+  std::string identifier;
+  std::string application;  // the path of the program that opened it last
+  std::string partialDirectory;
+  TransferOptions options;
+
+  bool operator==(const TransferSessionRecord&) const = default;
+};
+
 // A session's database, in SQLite's WAL mode, with the lock on its directory and the directory of
 // partial files. Survives a kill at any instant; after a power loss it is whole, but may be older.
 // Not thread-safe: the owner serialises.
@@ -78,7 +90,10 @@ class TransferStore {
   bool stateWasLost() const { return lost_; }
   PartialFiles& files() { return *files_; }
 
-  // Everything, by identifier, as it was stored. Throws as the constructor does.
+  // False when it could not be written.
+  [[nodiscard]] bool saveSession(const TransferOptions& options);
+  TransferSessionRecord session();
+  // Every task, by identifier, as it was stored. Throws as the constructor does.
   std::vector<TransferRecord> load();
   // In one transaction. Null, or why nothing was changed.
   [[nodiscard]] ErrorPtr apply(const std::vector<TransferChange>& changes);

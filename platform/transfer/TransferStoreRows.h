@@ -63,4 +63,11 @@ void bindIdentity(TransferRowWriter& row, const TransferRecord& record);
 void bindOwn(TransferRowWriter& row, const TransferRecord& record);
 void bindFacts(TransferRowWriter& row, const TransferRecord& record);
 
+// The session's one row.
+extern const char* const kSessionSelect;
+extern const char* const kSessionUpdate;
+TransferSessionRecord readSessionRow(const TransferRowReader& row);
+void bindSession(TransferRowWriter& row, const std::string& partialDirectory,
+                 const TransferOptions& options);
+
 }  // namespace platform

@@ -47,6 +47,23 @@ CREATE TABLE task(
   resume_token TEXT NOT NULL,
   boot_id TEXT NOT NULL);
 )sql",
+    // What a service needs to carry on without the application.
+    R"sql(
+ALTER TABLE session ADD COLUMN application TEXT NOT NULL DEFAULT '';
+ALTER TABLE session ADD COLUMN partial_directory TEXT NOT NULL DEFAULT '';
+ALTER TABLE session ADD COLUMN connections_per_host INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE session ADD COLUMN transfers INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE session ADD COLUMN bytes_per_second INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE session ADD COLUMN connect_timeout_ms INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE session ADD COLUMN stall_timeout_ms INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE session ADD COLUMN retry_bound_ms INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE session ADD COLUMN disk_full_bound_ms INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE session ADD COLUMN ca_file TEXT NOT NULL DEFAULT '';
+ALTER TABLE session ADD COLUMN cellular INTEGER NOT NULL DEFAULT 1;
+ALTER TABLE session ADD COLUMN discretionary INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE session ADD COLUMN launch_events INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE session ADD COLUMN launch_command TEXT;
+)sql",
 };
 
 inline constexpr int kStoreSchemaVersion = sizeof kStoreSchemaSteps / sizeof kStoreSchemaSteps[0];

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "platform/FileDescriptor.h"
+#include "platform/transfer/PartialFiles.h"
+#include "platform/transfer/TransferTypes.h"
+
+namespace platform {
+
+// Brings partial files to the disk on a thread of its own, that is started with the first one and
+// sleeps when there is none: a flush may take long and must not hold up the network. Thread-safe.
+class FileFlusher {
+ public:
+  struct Flushed {
+    TransferTaskId task = 0;
+    PartialName file;
+    int64_t length = 0;  // of the file, now safe from a power loss
+  };
+
+  // `done` is called on the thread of the flusher when takeFlushed() has something.
+  explicit FileFlusher(std::function<void()> done);
+  // Does not wait for a flush that is under way.
+  ~FileFlusher();
+  FileFlusher(const FileFlusher&) = delete;
+  FileFlusher& operator=(const FileFlusher&) = delete;
+
+  void flush(const Flushed& what, FileDescriptor fd);
+  std::vector<Flushed> takeFlushed();
+  // Until nothing is left to flush, for at most `milliseconds`.
+  void wait(int milliseconds);
+
+ private:
+  struct State;
+  const std::shared_ptr<State> state_;
+};
+
+}  // namespace platform
