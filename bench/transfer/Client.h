@@ -1,0 +1,21 @@
+#pragma once
+
+#include <string>
+
+namespace qnbench {
+
+// `segments` files of `bytes` for each of `qualities`, four of each quality in flight.
+struct ClientOptions {
+  std::string base;  // "http://127.0.0.1:1234"
+  std::string directory;
+  std::string state;
+  std::string caFile;
+  int qualities = 1;
+  int segments = 1;
+  long bytes = 0;
+};
+
+int runFloor(const ClientOptions& options);
+int runSession(const ClientOptions& options);
+
+}  // namespace qnbench
