@@ -134,6 +134,7 @@ void answerContent(FaultAnswer& answer, HeaderFields& fields, const FaultRequest
   }
   if (resource.literal) {
     answer.text = resource.literal->substr(answer.start, answer.length);
+    answer.ofContent = !fault.gzip;
   } else if (fault.gzip) {
     answer.text = contentOf(request.path, resource.version, answer.start, answer.length);
   } else {

@@ -451,7 +451,7 @@ bool FaultServer::Impl::sendSpan(Exchange& exchange, uint64_t from, uint64_t to)
       rate > 0 ? std::max<uint64_t>(1, static_cast<uint64_t>(rate / 50)) : kPiece;
   while (from < to) {
     const uint64_t count = std::min(piece, to - from);
-    std::string bytes = answer.ofContent
+    std::string bytes = answer.ofContent && answer.text.empty()
                             ? contentOf(exchange.logged->path, exchange.resource->version,
                                         answer.start + from, count)
                             : answer.text.substr(from, count);
