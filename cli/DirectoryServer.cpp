@@ -135,7 +135,10 @@ MHD_Result answer(void* context, MHD_Connection* connection, const char* url, co
     *state = &announced;
     return MHD_YES;
   }
-  if (*uploadSize != 0) return MHD_NO;
+  if (*uploadSize != 0) {  // a body that nobody asked for
+    *uploadSize = 0;
+    return MHD_YES;
+  }
   const std::string_view verb = method;
   if (verb != "GET" && verb != "HEAD") return respondEmpty(connection, MHD_HTTP_METHOD_NOT_ALLOWED);
   const auto& resolver = *static_cast<const DirectoryServer::Resolver*>(context);

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "cli/Choice.h"
+#include "platform/JSON.h"
+#include "platform/URLRequest.h"
+
+namespace cli {
+
+// What the program remembers of one download beside the session's store, so that it can go on after
+// any end: the store knows transfers and the download directory files, neither knows what was asked
+// for. Mode 0600, since headers may be secrets.
+struct Record {
+  enum class Intent { Download, Pause };
+
+  std::string url;
+  std::string root;  // canonical
+  Choice choice;
+  platform::HTTPHeaders headers;
+  Intent intent = Intent::Download;
+
+  // nullopt when there is none. A damaged one is set aside as "<path>.damaged" and reported to the
+  // console.
+  static std::optional<Record> read(const std::string& path);
+  // Replaces the file as a whole; its directory is made with mode 0700. Throws Failure
+  // (ExitCannotWrite).
+  void write(const std::string& path) const;
+  static void remove(const std::string& path);
+
+  bool operator==(const Record&) const = default;
+};
+
+// {"video":[...],"audio":[...],"text":[...],"all":bool}; what is malformed reads as the default
+// choice.
+platform::JSON toJSON(const Choice& choice);
+Choice choiceFromJSON(const platform::JSON& json);
+
+}  // namespace cli
