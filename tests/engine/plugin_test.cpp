@@ -1,0 +1,40 @@
+#include <gtest/gtest.h>
+
+#include "engine/QNMovieDownloader.h"
+#include "engine/QuillonStreamDownloader.h"
+#include "tests/support/ScriptedSession.h"
+#include "tests/support/TempDirectory.h"
+
+namespace {
+
+TEST(Plugin, AnswersForTheSharedDownloadersStore) {
+  qntest::TempDirectory documents;
+  qntest::ScopedEnvironment environment("XDG_DOCUMENTS_DIR", documents.path());
+  qntest::ScriptedSessions sessions;
+  QuillonStreamDownloader_initPlugin();
+  QuillonStreamDownloader_initPlugin();
+  const auto plugin = QuillonStreamDownloaderInterface::pluginWithId("QuillonStreamDownloader");
+  ASSERT_NE(plugin, nullptr);
+  EXPECT_EQ(QuillonStreamDownloaderInterface::factoryFunctions().size(), 1U);
+
+  const auto write = [&](const std::string& id, const std::string& identifiers) {
+    documents.write("QNMovieDownloader/" + id + "/" + QNMoviePropertiesFileName,
+                    R"({"QNDownloadSetSourceURL":"u","QNDownloadSetManifestName":"manifest.mpd")" +
+                        identifiers + "}");
+  };
+  write("one", R"(,"QNDownloadedQualityIdentifiers":["v","a"])");
+  write("two", "");
+  const auto shared = QNMovieDownloader::sharedDownloader();
+  EXPECT_EQ(shared, QNMovieDownloader::sharedDownloader());
+  EXPECT_EQ(shared->downloadPath(), documents.path("QNMovieDownloader"));
+  EXPECT_EQ(sessions.session()->configuration().identifier, "QNMovieDownloader/SharedSession");
+  EXPECT_FALSE(shared->allowsCellularAccess() || shared->discretionary());
+
+  const std::string root = "file://" + documents.path("QNMovieDownloader");
+  EXPECT_EQ(plugin->getDownloadedQualityIds(root + "/one/manifest.mpd"),
+            (std::vector<std::string>{"v", "a"}));
+  EXPECT_EQ(plugin->getDownloadedQualityIds(root + "/two/manifest.mpd"), std::nullopt);
+  EXPECT_EQ(plugin->getDownloadedQualityIds(root + "/three/manifest.mpd"), std::nullopt);
+}
+
+}  // namespace

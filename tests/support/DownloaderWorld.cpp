@@ -1,0 +1,75 @@
+#include "tests/support/DownloaderWorld.h"
+
+#include <algorithm>
+
+namespace qntest {
+
+DownloaderWorld::DownloaderWorld() {
+  files.setFast();
+}
+
+void DownloaderWorld::launch() {
+  downloader = QNMovieDownloader::initWithIdentifier("test", false, false, root.path("downloads"));
+}
+
+void DownloaderWorld::kill() {
+  downloader.reset();
+  delegate = std::make_shared<RecordingDelegate>();
+}
+
+std::string DownloaderWorld::directory() const {
+  // As of the first launch, when no downloader is there to ask.
+  static const std::string identifier = [] {
+    TempDirectory elsewhere;
+    ScriptedSessions sessions;
+    return QNMovieDownloader::initWithIdentifier("id", false, false, elsewhere.path())
+        ->downloadIdWithURL(url);
+  }();
+  return root.path("downloads/" + identifier);
+}
+
+void DownloaderWorld::storeManifest(const std::vector<QualitySpec>& qualities) {
+  const std::string path = directory() + "/manifest.mpd";
+  root.write(path.substr(root.path().size() + 1), makeMPD(qualities));
+}
+
+std::shared_ptr<QNMovieDownloadSet> DownloaderWorld::activate() {
+  auto set = downloader->activateDownloadSetForURL(url);
+  if (set) set->setDelegate(delegate);
+  return set;
+}
+
+std::string DownloaderWorld::stored() const {
+  std::vector<std::string> names;
+  for (const auto& file : platform::FileManager::defaultManager().filesBelow(directory()))
+    names.push_back(file.path);
+  std::sort(names.begin(), names.end());
+  std::string text;
+  for (const auto& name : names) {
+    if (name != QNMoviePropertiesFileName && name != "manifest.mpd") text += name + " ";
+  }
+  return text;
+}
+
+std::string DownloaderWorld::bodyOf(const std::string& reference) {
+  std::string body;
+  for (int i = 0; i < 5; ++i)
+    body += reference + "|";
+  return body;
+}
+
+void DownloaderWorld::serveAll() {
+  for (bool moved = true; moved;) {
+    moved = session().deliverEvents() != 0;
+    for (const auto& task : session().runningTasks()) {
+      const auto& taskURL = task->originalRequest()->url();
+      const std::string path = taskURL ? taskURL->path() : "";
+      const std::string base = "/movie/";
+      if (!session().serve(task, bodyOf(path.substr(std::min(base.size(), path.size()))))) continue;
+      moved = true;
+      (void)session().deliverEvents();
+    }
+  }
+}
+
+}  // namespace qntest
