@@ -84,7 +84,8 @@ URLRequestPtr readRequest(WireReader& in) {
   if (!in.boolean()) return nullptr;
   auto request = URLRequest::requestWithURL(readUrl(in));
   request->setHTTPMethod(in.text());
-  for (const auto& [name, value] : readHeaders(in).fields())
+  const HTTPHeaders headers = readHeaders(in);
+  for (const auto& [name, value] : headers.fields())
     request->setValueForHTTPHeaderField(value, name);
   return request;
 }
