@@ -7,13 +7,18 @@
 namespace qnc::xml {
 namespace {
 
+// Names differ mostly in their size or first character.
+bool same(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && (a.empty() || (a.front() == b.front() && a == b));
+}
+
 // The attribute of a node by local name: the one without prefix, else the first.
 std::optional<uint32_t> findAttribute(const Tree& tree, uint32_t node, std::string_view local) {
   std::optional<uint32_t> found;
   const uint32_t end = tree.attributesEnd(node);
   for (uint32_t i = tree.nodes[node].attributes; i < end; ++i) {
     const uint32_t name = tree.attributes[i].name;
-    if (tree.localName(name) != local) continue;
+    if (!same(tree.localName(name), local)) continue;
     if (tree.names[name].localOffset == 0) return i;
     if (!found) found = i;
   }

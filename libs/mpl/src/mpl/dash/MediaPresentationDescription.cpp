@@ -38,8 +38,13 @@ std::shared_ptr<MediaPresentationDescription> MediaPresentationDescription::pars
             FastString("Failed to parse XML: ") + document.errorText());
     throw ParseException("Failed to parse XML");
   }
-  if (document.root().localName() != "MPD") throw ParseException("Not a valid MPD");
-  return parseMPD(document.root(), shareText(baseURL));
+  return parse(document.root(), baseURL);
+}
+
+std::shared_ptr<MediaPresentationDescription> MediaPresentationDescription::parse(
+    const Element& root, const FastString& baseURL) {
+  if (root.localName() != "MPD") throw ParseException("Not a valid MPD");
+  return parseMPD(root, shareText(baseURL));
 }
 
 std::shared_ptr<MediaPresentationDescription> MediaPresentationDescription::parse(

@@ -7,6 +7,10 @@
 
 #include "mpl/dash/Period.h"
 
+namespace qnc::xml {
+class Element;
+}
+
 namespace mpl::dash {
 
 // How to synchronise with the clock of the service; both empty when the MPD does not tell.
@@ -50,6 +54,10 @@ class MediaPresentationDescription {
   static std::shared_ptr<MediaPresentationDescription> parse(const void* data, unsigned long size,
                                                              const qnc::FastString& baseURL);
   static std::shared_ptr<MediaPresentationDescription> parse(const qnc::FastString& text,
+                                                             const qnc::FastString& baseURL);
+
+  // The same from a document that was parsed before.
+  static std::shared_ptr<MediaPresentationDescription> parse(const qnc::xml::Element& root,
                                                              const qnc::FastString& baseURL);
 
   int64_t availabilityStartTime() const { return availabilityStartTime_; }

@@ -6,19 +6,19 @@
 
 namespace mpl::dash {
 
-SegmentTimelineElement SegmentTimeline::Run::at(uint64_t index) const {
-  return {clamped(static_cast<Int128>(duration) * (index - first) + startTime), duration};
+SegmentTimelineElement SegmentTimeline::Run::at(uint64_t repeat) const {
+  return {clamped(static_cast<Int128>(duration) * repeat + startTime), duration};
 }
 
 size_t SegmentTimeline::runOf(uint64_t index) const {
-  if (runs_.size() == size_) return index;  // no run repeats
-  const auto after = std::upper_bound(runs_.begin(), runs_.end(), index,
-                                      [](uint64_t i, const Run& run) { return i < run.first; });
-  return static_cast<size_t>(after - runs_.begin()) - 1;
+  if (firsts_.empty()) return index;
+  const auto after = std::upper_bound(firsts_.begin(), firsts_.end(), index);
+  return static_cast<size_t>(after - firsts_.begin()) - 1;
 }
 
 SegmentTimelineElement SegmentTimeline::operator[](uint64_t index) const {
-  return runs_[runOf(index)].at(index);
+  const size_t run = runOf(index);
+  return runs_[run].at(index - firstOf(run));
 }
 
 SegmentTimeline::Cursor SegmentTimeline::cursor(uint64_t index) const {
@@ -27,10 +27,14 @@ SegmentTimeline::Cursor SegmentTimeline::cursor(uint64_t index) const {
 
 int64_t SegmentTimeline::append(int64_t startTime, int64_t duration, uint64_t count) {
   if (count == 0) return startTime;
-  const Run run{startTime, duration, size_};
-  runs_.push_back(run);
+  if (count > 1 || !firsts_.empty()) {
+    for (size_t run = firsts_.size(); run < runs_.size(); ++run)
+      firsts_.push_back(run);
+    firsts_.push_back(size_);
+  }
+  runs_.push_back(Run{startTime, duration});
   size_ += count;
-  return run.at(size_).startTime;
+  return runs_.back().at(count).startTime;
 }
 
 }  // namespace mpl::dash

@@ -15,8 +15,8 @@ struct SegmentTimelineElement {
 };
 
 // The segments of a SegmentTimeline, as a sequence of SegmentTimelineElement. Held as one run for
-// each S element, so that a repeat count costs nothing. Start times that 64 bits cannot hold stay
-// at the nearest value they can.
+// each S element, so that a repeat count costs nothing: 16 bytes, and 8 more each once one repeats.
+// Start times that 64 bits cannot hold stay at the nearest value they can.
 class SegmentTimeline {
  public:
   class Cursor;
@@ -39,15 +39,16 @@ class SegmentTimeline {
   struct Run {
     int64_t startTime;
     int64_t duration;
-    uint64_t first;  // index of its first segment
 
     bool operator==(const Run&) const = default;
-    SegmentTimelineElement at(uint64_t index) const;
+    SegmentTimelineElement at(uint64_t repeat) const;
   };
   size_t runOf(uint64_t index) const;
-  uint64_t endOf(size_t run) const { return run + 1 < runs_.size() ? runs_[run + 1].first : size_; }
+  uint64_t firstOf(size_t run) const { return firsts_.empty() ? run : firsts_[run]; }
+  uint64_t endOf(size_t run) const { return run + 1 < runs_.size() ? firstOf(run + 1) : size_; }
 
   std::vector<Run> runs_;
+  std::vector<uint64_t> firsts_;  // index of each run's first segment; empty while none repeats
   uint64_t size_ = 0;
 };
 
@@ -56,9 +57,9 @@ class SegmentTimeline::Cursor {
  public:
   bool atEnd() const { return index_ == timeline_->size(); }
   uint64_t index() const { return index_; }
-  SegmentTimelineElement operator*() const { return timeline_->runs_[run_].at(index_); }
+  SegmentTimelineElement operator*() const { return timeline_->runs_[run_].at(index_ - first_); }
   Cursor& operator++() {
-    if (++index_ == end_) enterRun(run_ + 1);
+    if (++index_ == end_) enterRun(run_ + 1, end_);
     return *this;
   }
 
@@ -66,16 +67,18 @@ class SegmentTimeline::Cursor {
   friend class SegmentTimeline;
   Cursor(const SegmentTimeline* timeline, uint64_t index, size_t run)
       : timeline_(timeline), index_(index) {
-    enterRun(run);
+    enterRun(run, run < timeline->runCount() ? timeline->firstOf(run) : index);
   }
-  void enterRun(size_t run) {
+  void enterRun(size_t run, uint64_t first) {
     run_ = run;
+    first_ = first;
     end_ = timeline_->endOf(run);
   }
 
   const SegmentTimeline* timeline_;
   uint64_t index_;
   size_t run_ = 0;
+  uint64_t first_ = 0;  // of the run, and the end of it
   uint64_t end_ = 0;
 };
 
