@@ -4,9 +4,11 @@
 #include <map>
 #include <utility>
 
+#include "mpl/Exception.h"
 #include "mpl/dash/SegmentList.h"
 #include "mpl/dash/SegmentTemplate.h"
 #include "platform/Exception.h"
+#include "playlist/QNParsedXML.h"
 #include "playlist/QNParserExceptions.h"
 #include "playlist/QNPlaylistFactory.h"
 #include "playlist/QNResourceListAssembler.h"
@@ -123,12 +125,12 @@ uint64_t textBound(const MultiSegmentRepresentation& representation, uint64_t co
 
 }  // namespace
 
-std::shared_ptr<QNPlaylist> QNPlaylistFactory::dashGenerateWithData(const platform::DataPtr& data) {
+std::shared_ptr<QNPlaylist> dashGenerateWithXML(const QNParsedXML& xml) {
   return withPlatformExceptions([&] {
+    if (!xml.wellFormed()) throw mpl::ParseException("Failed to parse XML");
     // An empty base leaves references as the manifest writes them: they resolve against the address
     // that a list is asked for.
-    const auto mpd = MediaPresentationDescription::parse(data ? data->data() : nullptr,
-                                                         data ? data->size() : 0, "");
+    const auto mpd = MediaPresentationDescription::parse(xml.root(), "");
     return QNDASHPlaylist::playlistWithManifest(*mpd);
   });
 }

@@ -5,11 +5,11 @@
 #include <utility>
 
 #include "platform/Exception.h"
+#include "playlist/QNParsedXML.h"
 #include "playlist/QNParserExceptions.h"
 #include "playlist/QNPlaylistFactory.h"
 #include "playlist/QNResourceListAssembler.h"
 #include "qnc/qncChecked.h"
-#include "qnc/qncXml.h"
 
 namespace {
 
@@ -37,14 +37,12 @@ std::string identifierOf(const SmoothStreaming::TrackElement& element) {
 
 }  // namespace
 
-std::shared_ptr<QNPlaylist> QNPlaylistFactory::smoothGenerateWithData(
-    const platform::DataPtr& data) {
+std::shared_ptr<QNPlaylist> smoothGenerateWithXML(const QNParsedXML& xml) {
   return withPlatformExceptions([&] {
-    qnc::xml::Document document;
-    if (qnc::failed(document.parse(data ? data->data() : nullptr, data ? data->size() : 0))) {
+    if (!xml.wellFormed()) {
       throw platform::Exception(QNPlaylistFactoryException, "Can't parse SmoothStreaming XML");
     }
-    return QNSmoothStreamingPlaylist::playlistWithManifest(SmoothStreaming::Media(document.root()));
+    return QNSmoothStreamingPlaylist::playlistWithManifest(SmoothStreaming::Media(xml.root()));
   });
 }
 

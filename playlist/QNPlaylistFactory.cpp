@@ -4,6 +4,8 @@
 
 #include "platform/FileManager.h"
 #include "platform/URLSession.h"
+#include "playlist/QNParsedXML.h"
+#include "playlist/QNParserExceptions.h"
 #include "playlist/QNPlaylist.h"
 
 const char* const QNPlaylistFactoryException = "QNPlaylistFactoryException";
@@ -14,6 +16,14 @@ const char* const QNSmoothStreamingGeneratorErrorKey = "SmoothStreamingGenerator
 namespace {
 
 const char* const kTooLarge = "The manifest is larger than 256 MiB";
+
+// Whether the bytes are well-formed is for the parsers to say.
+QNParsedXML parseXML(const platform::DataPtr& data) {
+  if (data && data->size() > static_cast<size_t>(QNManifestMaximumBytes)) {
+    throw platform::Exception(QNPlaylistFactoryException, kTooLarge);
+  }
+  return withPlatformExceptions([&] { return QNParsedXML(data); });
+}
 
 // What the two network entry points have in common.
 void fetch(const platform::URLRequestPtr& request, QNPlaylistFactory::ResponseCompletion block) {
@@ -37,22 +47,29 @@ void fetch(const platform::URLRequestPtr& request, QNPlaylistFactory::ResponseCo
 }  // namespace
 
 std::shared_ptr<QNPlaylist> QNPlaylistFactory::generateWithData(const platform::DataPtr& data) {
-  if (data && data->size() > static_cast<size_t>(QNManifestMaximumBytes)) {
-    throw platform::Exception(QNPlaylistFactoryException, kTooLarge);
-  }
+  const auto xml = parseXML(data);
   platform::Dictionary reasons;
   try {
-    return dashGenerateWithData(data);
+    return dashGenerateWithXML(xml);
   } catch (const platform::Exception& exception) {
     reasons[QNDASHGeneratorErrorKey] = exception;
   }
   try {
-    return smoothGenerateWithData(data);
+    return smoothGenerateWithXML(xml);
   } catch (const platform::Exception& exception) {
     reasons[QNSmoothStreamingGeneratorErrorKey] = exception;
   }
   throw platform::Exception(QNPlaylistFactoryException,
                             "Can't find proper implementation for parsing manifest", reasons);
+}
+
+std::shared_ptr<QNPlaylist> QNPlaylistFactory::dashGenerateWithData(const platform::DataPtr& data) {
+  return dashGenerateWithXML(parseXML(data));
+}
+
+std::shared_ptr<QNPlaylist> QNPlaylistFactory::smoothGenerateWithData(
+    const platform::DataPtr& data) {
+  return smoothGenerateWithXML(parseXML(data));
 }
 
 std::shared_ptr<QNPlaylist> QNPlaylistFactory::generateWithFile(const std::string& path,
