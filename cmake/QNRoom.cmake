@@ -7,6 +7,10 @@ target_compile_options(qn_options INTERFACE -Wall -Wextra -Wpedantic -Werror)
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
   target_compile_options(qn_options INTERFACE -Wthread-safety)
 endif()
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+  # "text" + std::string(...) is reported as overlapping when it is optimised (GCC bug 105651).
+  target_compile_options(qn_options INTERFACE -Wno-restrict)
+endif()
 if(QN_SANITIZE)
   target_compile_options(qn_options INTERFACE
     -fsanitize=${QN_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -g)
