@@ -71,7 +71,7 @@ class ScriptedSharedSession::Session : public platform::URLSession {
   }
 
  private:
-  const platform::URLSessionConfiguration configuration_;
+  const platform::URLSessionConfiguration configuration_{};
   mutable std::mutex mutex_;
   std::deque<Fetch> fetches_;
 };
