@@ -4,6 +4,7 @@
 
 #include "platform/FileManager.h"
 #include "platform/URLSession.h"
+#include "playlist/QNManifestLimits.h"
 #include "playlist/QNParsedXML.h"
 #include "playlist/QNParserExceptions.h"
 #include "playlist/QNPlaylist.h"
@@ -22,7 +23,11 @@ QNParsedXML parseXML(const platform::DataPtr& data) {
   if (data && data->size() > static_cast<size_t>(QNManifestMaximumBytes)) {
     throw platform::Exception(QNPlaylistFactoryException, kTooLarge);
   }
-  return withPlatformExceptions([&] { return QNParsedXML(data); });
+  return withPlatformExceptions([&] {
+    QNParsedXML xml(data);
+    QNManifestLimits::check(xml.root());
+    return xml;
+  });
 }
 
 // What the two network entry points have in common.

@@ -133,6 +133,53 @@ TEST(Hostile, TooMuchTextIsRefused) {
   }
 }
 
+TEST(Hostile, TextThatEveryQualityInheritsIsCountedBeforeItIsCopied) {
+  const std::string text(500000, 'x');
+  const auto set = [](const std::string& attributes, const std::string& content,
+                      const std::string& representation) {
+    return mpd("<Period><AdaptationSet contentType='video' " + attributes + ">" + content +
+               repeated(representation, 2000) + "</AdaptationSet></Period>");
+  };
+  const struct {
+    const char* name;
+    std::string text;
+  } rows[] = {
+      {"codecs", set("codecs='" + text + "'", "", "<Representation/>")},
+      {"a base", set("", "<BaseURL>" + text + "/</BaseURL>",
+                     "<Representation><BaseURL>a</BaseURL></Representation>")},
+      {"a template", set("", "<SegmentTemplate media='" + text + "'/>",
+                         "<Representation><SegmentTemplate/></Representation>")},
+      {"an initialisation",
+       set("", "<SegmentList><Initialization sourceURL='" + text + "'/></SegmentList>",
+           "<Representation><SegmentList/></Representation>")},
+      {"the language of a component",
+       set("", "<ContentComponent lang='" + text + "'/>", "<Representation/>")},
+      {"a base for sets without qualities",
+       mpd("<BaseURL>" + text + "/</BaseURL><Period>" +
+           repeated("<AdaptationSet><BaseURL>a</BaseURL></AdaptationSet>", 2000) + "</Period>")},
+  };
+  const int64_t before = peakKilobytes();
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const std::string reason =
+        thrown([&] { QNPlaylistFactory::generateWithData(bytes(row.text)); });
+    EXPECT_TRUE(reason.starts_with("QNPlaylistFactoryException: The manifest hands down 1000"))
+        << reason;
+    EXPECT_TRUE(reason.ends_with(" bytes of text to its qualities, more than 268435456")) << reason;
+  }
+  EXPECT_LT(peakKilobytes() - before, 64 << 10) << "memory was spent";
+}
+
+TEST(Hostile, TooManyQualitiesAreRefused) {
+  for (const auto& text :
+       {mpd("<Period><AdaptationSet contentType='video'>" + repeated("<Representation/>", 500001) +
+            "</AdaptationSet></Period>"),
+        smooth("<StreamIndex>" + repeated("<QualityLevel/>", 500001) + "</StreamIndex>")}) {
+    EXPECT_EQ(thrown([&] { QNPlaylistFactory::generateWithData(bytes(text)); }),
+              "QNPlaylistFactoryException: The manifest has 500001 qualities, more than 500000");
+  }
+}
+
 TEST(Hostile, WhatStaysWithinTheLimitsIsListed) {
   const auto playlist = QNPlaylistFactory::generateWithData(bytes(
       dash("<SegmentTemplate timescale='1000000' duration='200' media='$Number$'/>", 10, "PT10S")));
