@@ -25,6 +25,19 @@ TEST(HTTPHeaders, NamesCompareWithoutCaseAndKeepTheirPlace) {
   EXPECT_EQ(render(headers), "X-One=b;");
 }
 
+// A loop over fields() of a temporary keeps them, not the temporary, alive.
+TEST(HTTPHeaders, FieldsOfATemporaryOutliveIt) {
+  const auto make = [] {
+    HTTPHeaders headers;
+    headers.set("Authorization", std::string(100, 'x'));
+    return headers;
+  };
+  for (const auto& [name, value] : make().fields()) {
+    EXPECT_EQ(name, "Authorization");
+    EXPECT_EQ(value, std::string(100, 'x'));
+  }
+}
+
 TEST(URLRequest, NoHeaderCanSplitARequest) {
   using namespace std::string_literals;
   const struct {
