@@ -9,6 +9,12 @@
 namespace platform {
 namespace {
 
+// The application let go of the session, maybe inside the call that just returned; what keeps it is
+// the delegate's thread alone. Nobody can come by a reference again.
+bool isAbandoned(const std::shared_ptr<URLSession>& session) {
+  return session.use_count() == 1;
+}
+
 // Runs a call of the application's; what it throws ends here.
 template <class Function>
 void guarded(const char* name, const Function& function) {
@@ -190,7 +196,7 @@ void SessionCore::run() {
     // Keeps the session for the time of the calls; it may be the last one to do so, and then the
     // session is closed here.
     const auto session = session_.lock();
-    if (!session) return;
+    if (!session || isAbandoned(session)) return;
     deliver(item, session);
     item = {};
   }
@@ -220,7 +226,7 @@ void SessionCore::deliver(Item& item, const std::shared_ptr<URLSession>& session
   if (delegate && isEnd) acknowledged = deliverEnd(*item.task, item.event, session, *delegate);
   if (delegate && !isEnd) deliverProgress(*item.task, session, *delegate);
   finishBatch(acknowledged ? item.task.get() : nullptr);
-  if (item.event.held && delegate) countHeld(session);
+  if (item.event.held && delegate && !isAbandoned(session)) countHeld(session);
 }
 
 void SessionCore::deliverProgress(TransferTask& task, const std::shared_ptr<URLSession>& session,
@@ -261,6 +267,7 @@ bool SessionCore::deliverEnd(TransferTask& task, const TransferEvent& event,
                              URLSessionDelegate& delegate) {
   const bool finished = event.kind == TransferEvent::Kind::Finished;
   if (finished && !deliverReport(task, event, session, delegate)) return false;
+  if (isAbandoned(session)) return false;  // told in the next launch
   ErrorPtr error = event.error;
   if (!event.resumeToken.empty()) {
     error = withResumeData(error, makeResumeData(task, event.resumeToken));
@@ -280,6 +287,7 @@ bool SessionCore::deliverEnd(TransferTask& task, const TransferEvent& event,
       delegate.URLSessionDownloadTaskDidFinishDownloadingToURL(session, pointer,
                                                                URL::fileURLWithPath(event.path));
     });
+    if (isAbandoned(session)) return true;
   }
   guarded("URLSessionTaskDidCompleteWithError",
           [&] { delegate.URLSessionTaskDidCompleteWithError(session, pointer, error); });

@@ -15,8 +15,11 @@ constexpr int64_t kReportIntervalMs = 100;
 constexpr int64_t kGraceMs = 5'000;
 constexpr int64_t kRoomCheckMs = 2'000;
 constexpr int64_t kRoomWanted = 4 << 20;
-// What is known of a response is stored once it is worth something; a shorter file is soon whole.
-constexpr int64_t kWorthStoring = 64 << 10;
+// What is known of a response is stored with its first bytes; until then a kill drops them, because
+// nobody would know what they are of. A file that is no larger than this has so long to be whole
+// first, and needs no storing then.
+constexpr int64_t kSmallFile = 64 << 10;
+constexpr int64_t kSmallFileMs = 10;
 // Bytes go to the disk after so many, or less often; what is not there is lost with the power.
 constexpr int64_t kFlushBytes = 16 << 20;
 constexpr int64_t kFlushIntervalMs = 10'000;
@@ -311,7 +314,9 @@ void TransferScheduler::takeTouched() {
       if (job->host->health.retryAtMs() != 0) tellAllQueued_ = true;
       job->host->health.madeProgress(now());
     }
-    if (!job->contentStored && content.received >= kWorthStoring) {
+    const bool soonWhole = content.expected >= 0 && content.expected <= kSmallFile &&
+                           now() - job->responseAtMs < kSmallFileMs;
+    if (!job->contentStored && content.received > 0 && !soonWhole) {
       job->contentStored = ledger_.setContent(id, content, job->effort);
     }
     if (!job->reportDirty) unreported_.push_back(id);
@@ -327,6 +332,7 @@ void TransferScheduler::noteResponse(Job& job) {
   if (job.download->responses() == job.responsesSeen) return;
   job.responsesSeen = job.download->responses();
   ++job.responseNumber;
+  job.responseAtMs = now();
   job.counted = job.download->base();
   job.base = job.download->content().reportDue ? 0 : job.download->base();
 }

@@ -78,6 +78,7 @@ class TransferScheduler final : public Download::Owner {
     bool holdHost = false;
     int responsesSeen = 0;  // of the download
     uint64_t responseNumber = 0;
+    int64_t responseAtMs = 0;
     int64_t base = 0;
     bool contentStored = false;
     bool reportDirty = false;
