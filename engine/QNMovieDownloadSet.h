@@ -186,6 +186,7 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
   [[nodiscard]] bool _removeDownloadedQuality(const QualityInfo& info,
                                               const std::unordered_set<std::string>& kept)
       REQUIRES(mutex_);
+  void forgetFiles(const std::unordered_set<std::string>& places) REQUIRES(mutex_);
   QualityInfo infoForTask(const QNResourceId& id,
                           const platform::URLSessionDownloadTask& task) const REQUIRES(mutex_);
   QNHeadersPtr _mergeHeaders(const QNHeadersPtr& headers) const REQUIRES(mutex_);

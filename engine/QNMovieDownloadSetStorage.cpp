@@ -223,6 +223,7 @@ bool QNMovieDownloadSet::_removeDownloadedQuality(const QualityInfo& info,
                                                   const std::unordered_set<std::string>& kept) {
   auto& files = FileManager::defaultManager();
   size_t failures = 0;
+  std::unordered_set<std::string> gone;
   for (const Resource& resource : info->resources()) {
     const auto place = places_->placeOf(*resource);
     if (!place || kept.contains(*place) || !places_->isStoredFor(*resource, *place)) continue;
@@ -232,14 +233,28 @@ bool QNMovieDownloadSet::_removeDownloadedQuality(const QualityInfo& info,
       ++failures;
     } else {
       places_->didRemove(*place);
+      if (places_->hasSharedPlaces()) gone.insert(*place);
     }
   }
+  forgetFiles(gone);
   uncountCompleted(info);
   info->reset();
   downloadedQualitiesInfo_.erase(
       std::remove(downloadedQualitiesInfo_.begin(), downloadedQualitiesInfo_.end(), info),
       downloadedQualitiesInfo_.end());
   return failures == 0;
+}
+
+// Qualities that are neither selected nor downloaded remember what was stored for them before.
+void QNMovieDownloadSet::forgetFiles(const std::unordered_set<std::string>& places) {
+  if (places.empty()) return;
+  for (const QualityInfo& info : qualities_) {
+    if (isQualitySelected(info->quality()) || isQualityDownloaded(info->quality())) continue;
+    for (const Resource& resource : info->resources()) {
+      const auto place = resource->completed() ? places_->placeOf(*resource) : std::nullopt;
+      if (place && places.contains(*place)) info->resourceForgetFile(resource);
+    }
+  }
 }
 
 // Places

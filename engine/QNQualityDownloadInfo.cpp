@@ -322,6 +322,17 @@ void QNQualityDownloadInfo::resourceCompleteWithBytesPreloaded(const Resource& r
   countCompleted();
 }
 
+void QNQualityDownloadInfo::resourceForgetFile(const Resource& resource) {
+  assertOwn(resource);
+  if (!resource->completed() || resource->failed()) return;
+  const Change change(resource);
+  resource->reset();
+  _updateDownloadedFrom(change.oldBytes, resource->downloadedBytes());
+  note(change);
+  --numCompleted_;
+  completed_ = false;
+}
+
 void QNQualityDownloadInfo::resourceBytesDownloadedBytesExpected(const Resource& resource,
                                                                  int64_t downloaded,
                                                                  int64_t expected) {

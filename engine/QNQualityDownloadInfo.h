@@ -98,6 +98,8 @@ class QN_EXPORT QNQualityDownloadInfo final
   [[nodiscard]] bool resourceCompleteWithError(const Resource& resource,
                                                const platform::ErrorPtr& error);
   void resourceCompleteWithBytesPreloaded(const Resource& resource, int64_t bytes);
+  // Own addition: the file of a completed resource is gone. The quality must be idle.
+  void resourceForgetFile(const Resource& resource);
   void resourceBytesDownloadedBytesExpected(const Resource& resource, int64_t downloaded,
                                             int64_t expected);
 
