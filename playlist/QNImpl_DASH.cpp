@@ -113,7 +113,7 @@ uint64_t textBound(const MultiSegmentRepresentation& representation, uint64_t co
     const auto& segments = list->mediaSegments();
     return qnc::saturatingAdd<uint64_t>(
         segments.textSize(),
-        qnc::saturatingMul(count, lengthBound(0, mpl::textOf(segments.base()).size())));
+        qnc::saturatingMul(count, lengthBound(0, segments.base().size())));
   }
   if (const auto* segments = dynamic_cast<const SegmentTemplate*>(&base)) {
     const mpl::dash::TemplateURI uri(segments->mediaTemplate(), representation.id(),

@@ -281,6 +281,22 @@ TEST(MPDTest, ResolvesBaseURLsInDocumentOrder) {
             "unknown {@}");
 }
 
+// Texts that every Representation inherits are held once, or not at all: 2 MB here, not 100 GB.
+TEST(MPDTest, LongInheritedTextsAreNotMultiplied) {
+  const std::string text(100000, 'x');
+  std::string xml = "<MPD><BaseURL>" + text + "/</BaseURL><Period duration='PT1S'><AdaptationSet " +
+                    "mimeType='" + text + "' codecs='" + text + "' lang='" + text +
+                    "'><SegmentTemplate media='" + text + "' initialization='" + text +
+                    "'><Initialization sourceURL='" + text + "'/></SegmentTemplate>";
+  for (int i = 0; i < 20000; ++i) {
+    xml += "<Representation><BaseURL>v</BaseURL><SegmentTemplate/></Representation>";
+  }
+  const auto mpd = MediaPresentationDescription::parse(xml + "</AdaptationSet></Period></MPD>", "");
+  const auto& r = mpd->periods()[0]->adaptationSets()[0]->representations().at(19999);
+  EXPECT_EQ(r->getInitialization().resolve(), text + "/" + text);
+  EXPECT_EQ(r->format().codecs(), "");
+}
+
 // Content protection
 
 const std::string kSystem = "EDEF8BA979D64ACEA3C827DCD51D21ED";

@@ -11,12 +11,12 @@ namespace mpl {
 class RangedURI {
  public:
   RangedURI() = default;
-  RangedURI(FastString reference, SharedText base, Range range = {})
+  explicit RangedURI(FastString reference, SharedBase base = nullptr, Range range = {})
       : uri_(std::move(reference), std::move(base)), range_(range) {}
 
   const ReferenceURI& uri() const { return uri_; }
   const FastString& reference() const { return uri_.reference(); }
-  const FastString& base() const { return uri_.base(); }
+  FastString base() const { return uri_.base(); }
   const Range& range() const { return range_; }
   FastString resolve() const { return uri_.resolve(); }
   // Names no resource, whatever the range.

@@ -22,11 +22,6 @@ bool isPlainRelativePath(std::string_view reference) {
 
 }  // namespace
 
-const FastString& textOf(const SharedText& text) {
-  static const FastString empty;
-  return text ? *text : empty;
-}
-
 FastString ReferenceURI::resolve(std::string_view reference, std::string_view base) {
   return qnc::URI::resolve(reference, base);
 }

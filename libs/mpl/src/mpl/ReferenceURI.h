@@ -11,31 +11,34 @@ namespace mpl {
 
 using qnc::FastString;
 
-// A text that many objects of a manifest hold, such as a base URL. Null stands for the empty text.
-using SharedText = std::shared_ptr<const FastString>;
+class ReferenceURI;
+// A base URL: a reference with a base of its own, and so on up to the manifest's URL. Shared by all
+// that resolve against it and resolved only when somebody asks, so that a manifest with a long base
+// and very many elements below it does not multiply the two. Null stands for the empty text.
+using SharedBase = std::shared_ptr<const ReferenceURI>;
 
-inline SharedText shareText(FastString text) {
-  return std::make_shared<const FastString>(std::move(text));
-}
-const FastString& textOf(const SharedText& text);
-
-// A URI reference and the base that it resolves against, which may itself be relative or empty:
-// then so is the result.
+// A URI reference and the base that it resolves against, which may turn out relative or empty: then
+// so is the result.
 class ReferenceURI {
  public:
   ReferenceURI() = default;
-  ReferenceURI(FastString reference, SharedText base)
+  // Without a base the reference is taken as it is.
+  explicit ReferenceURI(FastString reference, SharedBase base = nullptr)
       : reference_(std::move(reference)), base_(std::move(base)) {}
 
   const FastString& reference() const { return reference_; }
-  const FastString& base() const { return textOf(base_); }
-  const SharedText& sharedBase() const { return base_; }
+  // The text of the base.
+  FastString base() const { return base_ ? base_->resolve() : FastString(); }
+  const SharedBase& sharedBase() const { return base_; }
   // Refers to nothing: neither a reference nor a base.
-  bool isEmpty() const { return reference_.empty() && base().empty(); }
+  bool isEmpty() const { return reference_.empty() && (!base_ || base_->isEmpty()); }
   // By RFC 3986 section 5.2.
-  FastString resolve() const { return resolve(reference_, base()); }
+  FastString resolve() const { return base_ ? resolve(reference_, base_->resolve()) : reference_; }
 
   static FastString resolve(std::string_view reference, std::string_view base);
+  static SharedBase share(FastString reference, SharedBase base = nullptr) {
+    return std::make_shared<const ReferenceURI>(std::move(reference), std::move(base));
+  }
 
   bool operator==(const ReferenceURI& other) const {
     return reference_ == other.reference_ && base() == other.base();
@@ -43,7 +46,7 @@ class ReferenceURI {
 
  private:
   FastString reference_;
-  SharedText base_;
+  SharedBase base_;
 };
 
 // Resolves many references against one base. Gives what ReferenceURI::resolve gives; a plain

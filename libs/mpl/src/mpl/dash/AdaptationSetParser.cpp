@@ -12,6 +12,15 @@ using qnc::xml::Element;
 
 namespace {
 
+// A text that every Representation of a set may inherit. Nobody means one that is longer than
+// kMaxInherited: it counts as absent, so that a small manifest cannot ask for very many copies.
+FastString parseInheritable(const Element& element, std::string_view name,
+                            const FastString& defaultValue = {}) {
+  constexpr size_t kMaxInherited = 1024;
+  const std::string_view text = element.attribute(name);
+  return text.empty() || text.size() > kMaxInherited ? defaultValue : FastString(text);
+}
+
 template <class T>
 const T* parentAs(const std::shared_ptr<const SegmentBase>& inherited) {
   return dynamic_cast<const T*>(inherited.get());
@@ -43,7 +52,7 @@ bool isTrickModeProperty(const Element& element) {
 
 }  // namespace
 
-bool parseSegmentElement(const Element& element, const SharedText& baseURL,
+bool parseSegmentElement(const Element& element, const SharedBase& baseURL,
                          std::shared_ptr<const SegmentBase>& inherited) {
   const std::string_view name = element.localName();
   if (name == "SegmentBase") {
@@ -58,18 +67,18 @@ bool parseSegmentElement(const Element& element, const SharedText& baseURL,
   return true;
 }
 
-std::unique_ptr<AdaptationSet> parseAdaptationSet(const Element& element, SharedText baseURL,
+std::unique_ptr<AdaptationSet> parseAdaptationSet(const Element& element, SharedBase baseURL,
                                                   std::shared_ptr<const SegmentBase> segmentBase) {
   const auto id = parseAttribute<int32_t>(element, "id", -1);
   ContentType contentType = parseContentType(element);
-  const FastString mimeType = element.getAttributeValue("mimeType");
-  const FastString codecs = element.getAttributeValue("codecs");
+  const FastString mimeType = parseInheritable(element, "mimeType");
+  const FastString codecs = parseInheritable(element, "codecs");
   const auto width = parseAttribute<int32_t>(element, "width", -1);
   const auto height = parseAttribute<int32_t>(element, "height", -1);
   const auto frameRate = parseAttribute(element, "frameRate", FrameRate());
   int32_t audioChannels = -1;
   const auto audioSamplingRate = parseAttribute<int32_t>(element, "audioSamplingRate", -1);
-  FastString lang = element.getAttributeValue("lang");
+  FastString lang = parseInheritable(element, "lang");
 
   bool haveBaseURL = false;
   bool trickMode = false;
@@ -82,7 +91,7 @@ std::unique_ptr<AdaptationSet> parseAdaptationSet(const Element& element, Shared
     } else if (name == "ContentProtection") {
       if (const auto p = parseContentProtection(child)) builder.addAdaptationSetProtection(p);
     } else if (name == "ContentComponent") {
-      lang = checkLanguageConsistency(lang, child.getAttributeValue("lang"));
+      lang = checkLanguageConsistency(lang, parseInheritable(child, "lang"));
       contentType = checkContentTypeConsistency(contentType, parseContentType(child));
     } else if (name == "Representation") {
       auto representation =
@@ -104,7 +113,7 @@ std::unique_ptr<AdaptationSet> parseAdaptationSet(const Element& element, Shared
 }
 
 std::shared_ptr<Representation> parseRepresentation(
-    const Element& element, SharedText baseURL, const FastString& mimeType,
+    const Element& element, SharedBase baseURL, const FastString& mimeType,
     const FastString& codecs, int32_t width, int32_t height, const FrameRate& frameRate,
     int32_t audioChannels, int32_t audioSamplingRate, const FastString& lang,
     std::shared_ptr<const SegmentBase> segmentBase, ContentProtectionsBuilder& builder) {
@@ -122,12 +131,12 @@ std::shared_ptr<Representation> parseRepresentation(
       (void)parseSegmentElement(child, baseURL, segmentBase);
     }
   }
-  Format format(element.getAttributeValue("id"), parseAttribute(element, "mimeType", mimeType),
+  Format format(element.getAttributeValue("id"), parseInheritable(element, "mimeType", mimeType),
                 parseAttribute(element, "width", width), parseAttribute(element, "height", height),
                 parseAttribute(element, "frameRate", frameRate), audioChannels,
                 parseAttribute(element, "audioSamplingRate", audioSamplingRate),
                 parseAttribute<int32_t>(element, "bandwidth", -1), lang,
-                parseAttribute(element, "codecs", codecs));
+                parseInheritable(element, "codecs", codecs));
   if (!segmentBase) segmentBase = std::make_shared<SingleSegmentBase>(baseURL);
   return makeRepresentation(std::move(format), segmentBase);
 }

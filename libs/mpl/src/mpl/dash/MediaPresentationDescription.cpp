@@ -44,7 +44,7 @@ std::shared_ptr<MediaPresentationDescription> MediaPresentationDescription::pars
 std::shared_ptr<MediaPresentationDescription> MediaPresentationDescription::parse(
     const Element& root, const FastString& baseURL) {
   if (root.localName() != "MPD") throw ParseException("Not a valid MPD");
-  return parseMPD(root, shareText(baseURL));
+  return parseMPD(root, ReferenceURI::share(baseURL));
 }
 
 std::shared_ptr<MediaPresentationDescription> MediaPresentationDescription::parse(
@@ -52,7 +52,7 @@ std::shared_ptr<MediaPresentationDescription> MediaPresentationDescription::pars
   return parse(text.data(), text.size(), baseURL);
 }
 
-std::shared_ptr<MediaPresentationDescription> parseMPD(const Element& element, SharedText baseURL) {
+std::shared_ptr<MediaPresentationDescription> parseMPD(const Element& element, SharedBase baseURL) {
   const int64_t availabilityStartTime = parseDateTime(element, "availabilityStartTime", -1);
   int64_t duration = parseDuration(element, "mediaPresentationDuration", -1);
   const int64_t minBufferTime = parseDuration(element, "minBufferTime", -1);
@@ -98,7 +98,7 @@ std::shared_ptr<MediaPresentationDescription> parseMPD(const Element& element, S
       timeShiftBufferDepth, std::move(utcTiming), std::move(location), std::move(periods));
 }
 
-std::unique_ptr<Period> parsePeriod(const Element& element, SharedText baseURL,
+std::unique_ptr<Period> parsePeriod(const Element& element, SharedBase baseURL,
                                     int64_t defaultStartMs) {
   const int64_t startMs = parseDuration(element, "start", defaultStartMs);
   const int64_t durationMs = parseDuration(element, "duration", -1);
@@ -120,10 +120,10 @@ std::unique_ptr<Period> parsePeriod(const Element& element, SharedText baseURL,
                                   std::move(sets));
 }
 
-SharedText parseBaseURL(const Element& element, const SharedText& parentBaseURL) {
+SharedBase parseBaseURL(const Element& element, const SharedBase& parentBaseURL) {
   const std::string_view text = qnc::trimmed(element.text());
   if (text.empty()) return parentBaseURL;
-  return shareText(ReferenceURI::resolve(text, textOf(parentBaseURL)));
+  return ReferenceURI::share(text, parentBaseURL);
 }
 
 UTCTimingElement parseUTCTiming(const Element& element) {

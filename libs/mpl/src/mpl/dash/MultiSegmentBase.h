@@ -22,7 +22,7 @@ using SegmentVisitor = std::function<void(const ListedSegment&)>;
 
 // What all segments of a MultiSegmentBase have in common.
 struct MultiSegmentInfo {
-  RangedURI initialization;
+  SharedURI initialization;            // null is none
   int64_t timescale = 1;               // ticks per second
   int64_t presentationTimeOffset = 0;  // ticks
   int32_t startNumber = 1;

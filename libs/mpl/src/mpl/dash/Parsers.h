@@ -11,22 +11,22 @@
 namespace mpl::dash {
 
 std::shared_ptr<MediaPresentationDescription> parseMPD(const qnc::xml::Element& element,
-                                                       SharedText baseURL);
+                                                       SharedBase baseURL);
 // `startMs` of the result is -1 when neither the element nor the default tells it.
-std::unique_ptr<Period> parsePeriod(const qnc::xml::Element& element, SharedText baseURL,
+std::unique_ptr<Period> parsePeriod(const qnc::xml::Element& element, SharedBase baseURL,
                                     int64_t defaultStartMs);
 std::unique_ptr<AdaptationSet> parseAdaptationSet(
-    const qnc::xml::Element& element, SharedText baseURL,
+    const qnc::xml::Element& element, SharedBase baseURL,
     std::shared_ptr<const SegmentBase> inheritedSegmentBase);
 std::shared_ptr<Representation> parseRepresentation(
-    const qnc::xml::Element& element, SharedText baseURL, const FastString& mimeType,
+    const qnc::xml::Element& element, SharedBase baseURL, const FastString& mimeType,
     const FastString& codecs, int32_t width, int32_t height, const FrameRate& frameRate,
     int32_t audioChannels, int32_t audioSamplingRate, const FastString& lang,
     std::shared_ptr<const SegmentBase> inheritedSegmentBase, ContentProtectionsBuilder& builder);
 
 // The element's text, without white space around it, resolved against the parent's; the parent's
 // when there is no text.
-SharedText parseBaseURL(const qnc::xml::Element& element, const SharedText& parentBaseURL);
+SharedBase parseBaseURL(const qnc::xml::Element& element, const SharedBase& parentBaseURL);
 UTCTimingElement parseUTCTiming(const qnc::xml::Element& element);
 ContentType parseContentType(const qnc::xml::Element& element);
 // -1 for any scheme but the channel count of ISO/IEC 23003-3.
@@ -46,7 +46,7 @@ FastString checkLanguageConsistency(const FastString& a, const FastString& b);
 // Parses `element` if it is a SegmentBase, SegmentList or SegmentTemplate and puts the result in
 // place of `inherited`, which serves as its parent where it is of the same kind. False for any
 // other element.
-bool parseSegmentElement(const qnc::xml::Element& element, const SharedText& baseURL,
+bool parseSegmentElement(const qnc::xml::Element& element, const SharedBase& baseURL,
                          std::shared_ptr<const SegmentBase>& inherited);
 
 }  // namespace mpl::dash

@@ -6,16 +6,25 @@
 
 namespace mpl::dash {
 
-SegmentBase::SegmentBase(RangedURI initialization, int64_t timescale,
+namespace {
+
+SharedURI orEmpty(SharedURI uri) {
+  static const SharedURI empty = std::make_shared<const RangedURI>();
+  return uri ? std::move(uri) : empty;
+}
+
+}  // namespace
+
+SegmentBase::SegmentBase(SharedURI initialization, int64_t timescale,
                          int64_t presentationTimeOffset)
-    : initialization_(std::move(initialization)),
+    : initialization_(orEmpty(std::move(initialization))),
       timescale_(timescale),
       presentationTimeOffset_(presentationTimeOffset) {}
 
 SegmentBase::~SegmentBase() = default;
 
 RangedURI SegmentBase::getInitialization(const Representation&) const {
-  return initialization_;
+  return *initialization_;
 }
 
 int64_t SegmentBase::getPresentationTimeOffsetUs() const {

@@ -31,7 +31,7 @@ std::string_view MediaSegments::reference(size_t index) const {
 }
 
 RangedURI MediaSegments::operator[](size_t index) const {
-  return RangedURI(reference(index), base_, range(index));
+  return RangedURI(FastString(reference(index)), base_, range(index));
 }
 
 SegmentList::SegmentList(MultiSegmentInfo info, MediaSegments mediaSegments)
@@ -58,7 +58,7 @@ void SegmentList::forEachSegment(const Representation&, int64_t first, int64_t l
                                  const SegmentVisitor& visitor) const {
   if (last < first) return;
   const size_t end = segmentIndex(last) + 1;
-  const ReferenceResolver resolver(textOf(mediaSegments_.base()));
+  const ReferenceResolver resolver(mediaSegments_.base());
   std::string uri;
   int64_t number = first;
   for (size_t i = segmentIndex(first); i < end; ++i, ++number) {

@@ -14,7 +14,7 @@ namespace mpl::dash {
 // one string.
 class MediaSegments {
  public:
-  explicit MediaSegments(SharedText base = nullptr) : base_(std::move(base)) {}
+  explicit MediaSegments(SharedBase base = nullptr) : base_(std::move(base)) {}
 
   // Throws std::length_error beyond 4 GiB of text.
   void append(std::string_view reference, const Range& range);
@@ -27,10 +27,10 @@ class MediaSegments {
   RangedURI operator[](size_t index) const;
   std::string_view reference(size_t index) const;
   Range range(size_t index) const { return ranges_.empty() ? Range() : ranges_[index]; }
-  const SharedText& base() const { return base_; }
+  FastString base() const { return base_ ? base_->resolve() : FastString(); }
 
  private:
-  SharedText base_;
+  SharedBase base_;
   std::string text_;
   std::vector<uint32_t> ends_;  // of each reference in text_
   std::vector<Range> ranges_;   // empty while every segment is a whole resource

@@ -19,13 +19,22 @@ SegmentURLText readSegmentURL(const Element& element) {
   return {element.attribute("media"), parseAttribute<Range>(element, "mediaRange", Range())};
 }
 
+SharedURI parseSharedInitialization(const Element& element, const SharedBase& baseURL) {
+  return std::make_shared<const RangedURI>(parseInitializationURL(element, baseURL));
+}
+
+SharedText sharedAttribute(const Element& element, std::string_view name, SharedText inherited) {
+  const std::string_view text = element.attribute(name);
+  return text.empty() ? std::move(inherited) : std::make_shared<const FastString>(text);
+}
+
 // What lists and templates have in common.
-MultiSegmentInfo parseMultiSegmentInfo(const Element& element, const SharedText& baseURL,
+MultiSegmentInfo parseMultiSegmentInfo(const Element& element, const SharedBase& baseURL,
                                        const MultiSegmentBase* parent) {
   MultiSegmentInfo info;
   if (parent) {
-    info = {parent->initialization(), parent->timescale(), parent->presentationTimeOffset(),
-            parent->startNumber(),    parent->duration(),  parent->sharedTimeline()};
+    info = {parent->sharedInitialization(), parent->timescale(), parent->presentationTimeOffset(),
+            parent->startNumber(),          parent->duration(),  parent->sharedTimeline()};
   }
   info.timescale = parseAttribute(element, "timescale", info.timescale);
   info.presentationTimeOffset =
@@ -36,7 +45,7 @@ MultiSegmentInfo parseMultiSegmentInfo(const Element& element, const SharedText&
   for (const Element& child : element.children()) {
     const std::string_view name = child.localName();
     if (name == "Initialization") {
-      info.initialization = parseInitializationURL(child, baseURL);
+      info.initialization = parseSharedInitialization(child, baseURL);
     } else if (name == "SegmentTimeline") {
       own = std::make_shared<const SegmentTimeline>(parseSegmentTimeline(child));
     }
@@ -48,7 +57,7 @@ MultiSegmentInfo parseMultiSegmentInfo(const Element& element, const SharedText&
 }  // namespace
 
 std::shared_ptr<SingleSegmentBase> parseSegmentBase(const Element& element,
-                                                    const SharedText& baseURL,
+                                                    const SharedBase& baseURL,
                                                     const SingleSegmentBase* parent) {
   const int64_t timescale =
       parseAttribute<int64_t>(element, "timescale", parent ? parent->timescale() : 1);
@@ -56,10 +65,10 @@ std::shared_ptr<SingleSegmentBase> parseSegmentBase(const Element& element,
                                                  parent ? parent->presentationTimeOffset() : 0);
   const Range index =
       parseAttribute<Range>(element, "indexRange", parent ? parent->getIndex().range() : Range());
-  RangedURI initialization = parent ? parent->initialization() : RangedURI();
+  SharedURI initialization = parent ? parent->sharedInitialization() : nullptr;
   for (const Element& child : element.children()) {
     if (child.localName() == "Initialization") {
-      initialization = parseInitializationURL(child, baseURL);
+      initialization = parseSharedInitialization(child, baseURL);
     }
   }
   const int64_t indexEnd =
@@ -68,7 +77,7 @@ std::shared_ptr<SingleSegmentBase> parseSegmentBase(const Element& element,
                                              index.offset, indexEnd);
 }
 
-std::shared_ptr<SegmentList> parseSegmentList(const Element& element, const SharedText& baseURL,
+std::shared_ptr<SegmentList> parseSegmentList(const Element& element, const SharedBase& baseURL,
                                               const SegmentList* parent) {
   MediaSegments segments(baseURL);
   for (const Element& child : element.children()) {
@@ -82,13 +91,13 @@ std::shared_ptr<SegmentList> parseSegmentList(const Element& element, const Shar
 }
 
 std::shared_ptr<SegmentTemplate> parseSegmentTemplate(const Element& element,
-                                                      const SharedText& baseURL,
+                                                      const SharedBase& baseURL,
                                                       const SegmentTemplate* parent) {
-  const FastString none;
   return std::make_shared<SegmentTemplate>(
       parseMultiSegmentInfo(element, baseURL, parent),
-      parseAttribute(element, "initialization", parent ? parent->initializationTemplate() : none),
-      parseAttribute(element, "media", parent ? parent->mediaTemplate() : none), baseURL);
+      sharedAttribute(element, "initialization",
+                      parent ? parent->sharedInitializationTemplate() : nullptr),
+      sharedAttribute(element, "media", parent ? parent->sharedMediaTemplate() : nullptr), baseURL);
 }
 
 SegmentTimeline parseSegmentTimeline(const Element& element) {
@@ -105,14 +114,14 @@ SegmentTimeline parseSegmentTimeline(const Element& element) {
   return timeline;
 }
 
-RangedURI parseInitializationURL(const Element& element, const SharedText& baseURL) {
+RangedURI parseInitializationURL(const Element& element, const SharedBase& baseURL) {
   return RangedURI(element.getAttributeValue("sourceURL"), baseURL,
                    parseAttribute<Range>(element, "range", Range()));
 }
 
-RangedURI parseSegmentURL(const Element& element, const SharedText& baseURL) {
+RangedURI parseSegmentURL(const Element& element, const SharedBase& baseURL) {
   const SegmentURLText segment = readSegmentURL(element);
-  return RangedURI(segment.reference, baseURL, segment.range);
+  return RangedURI(FastString(segment.reference), baseURL, segment.range);
 }
 
 }  // namespace mpl::dash

@@ -17,10 +17,10 @@ namespace {
 // Builds the resolved URLs of one Representation.
 class URLWriter {
  public:
-  URLWriter(const FastString& text, const Representation& representation, const FastString& base)
-      : base_(base),
+  URLWriter(const FastString& text, const Representation& representation, FastString base)
+      : base_(std::move(base)),
         relative_(text, representation.id(), representation.format().bandwidth()),
-        resolved_(relative_.resolvedAgainst(base)) {}
+        resolved_(relative_.resolvedAgainst(base_)) {}
 
   std::string_view write(int32_t number, int64_t time) {
     uri_.clear();
@@ -30,7 +30,7 @@ class URLWriter {
   }
 
  private:
-  const FastString& base_;
+  const FastString base_;
   const TemplateURI relative_;
   const std::optional<TemplateURI> resolved_;
   std::string uri_;
@@ -38,16 +38,21 @@ class URLWriter {
 
 }  // namespace
 
-SegmentTemplate::SegmentTemplate(MultiSegmentInfo info, FastString initializationTemplate,
-                                 FastString mediaTemplate, SharedText baseURL)
+SegmentTemplate::SegmentTemplate(MultiSegmentInfo info, SharedText initializationTemplate,
+                                 SharedText mediaTemplate, SharedBase baseURL)
     : MultiSegmentBase(std::move(info)),
       initializationTemplate_(std::move(initializationTemplate)),
       mediaTemplate_(std::move(mediaTemplate)),
       baseURL_(std::move(baseURL)) {}
 
+const FastString& SegmentTemplate::textOf(const SharedText& text) {
+  static const FastString empty;
+  return text ? *text : empty;
+}
+
 RangedURI SegmentTemplate::getInitialization(const Representation& representation) const {
-  if (initializationTemplate_.empty()) return SegmentBase::getInitialization(representation);
-  return RangedURI(TemplateURI::build(initializationTemplate_, representation.id(), 0,
+  if (initializationTemplate().empty()) return SegmentBase::getInitialization(representation);
+  return RangedURI(TemplateURI::build(initializationTemplate(), representation.id(), 0,
                                       representation.format().bandwidth(), 0),
                    baseURL_);
 }
@@ -65,7 +70,7 @@ RangedURI SegmentTemplate::getSegmentURL(const Representation& representation,
       isExplicit() ? segmentTimeline()[timelineIndex(number)].startTime : ticksBefore(number);
   int32_t printed = 0;
   if (!qnc::checkedCast(number, printed)) throwOutOfRange();
-  return RangedURI(TemplateURI::build(mediaTemplate_, representation.id(), printed,
+  return RangedURI(TemplateURI::build(mediaTemplate(), representation.id(), printed,
                                       representation.format().bandwidth(), time),
                    baseURL_);
 }
@@ -76,7 +81,7 @@ void SegmentTemplate::forEachSegment(const Representation& representation, int64
   int32_t number = 0;
   int32_t end = 0;
   if (!qnc::checkedCast(first, number) || !qnc::checkedCast(last, end)) throwOutOfRange();
-  URLWriter writer(mediaTemplate_, representation, baseURL());
+  URLWriter writer(mediaTemplate(), representation, baseURL());
   if (!isExplicit()) {
     for (int64_t n = first; n <= last; ++n) {
       visitor({n, writer.write(static_cast<int32_t>(n), ticksBefore(n)), Range()});

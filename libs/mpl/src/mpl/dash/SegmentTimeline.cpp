@@ -28,6 +28,7 @@ SegmentTimeline::Cursor SegmentTimeline::cursor(uint64_t index) const {
 int64_t SegmentTimeline::append(int64_t startTime, int64_t duration, uint64_t count) {
   if (count == 0) return startTime;
   if (count > 1 || !firsts_.empty()) {
+    if (firsts_.empty()) firsts_.reserve(runs_.capacity());
     for (size_t run = firsts_.size(); run < runs_.size(); ++run)
       firsts_.push_back(run);
     firsts_.push_back(size_);

@@ -4,16 +4,16 @@
 
 namespace mpl::dash {
 
-SingleSegmentBase::SingleSegmentBase(RangedURI initialization, int64_t timescale,
-                                     int64_t presentationTimeOffset, SharedText uri,
+SingleSegmentBase::SingleSegmentBase(SharedURI initialization, int64_t timescale,
+                                     int64_t presentationTimeOffset, SharedBase uri,
                                      int64_t indexStart, int64_t indexEnd)
     : SegmentBase(std::move(initialization), timescale, presentationTimeOffset),
       uri_(std::move(uri)),
       indexStart_(indexStart),
       indexEnd_(indexEnd) {}
 
-SingleSegmentBase::SingleSegmentBase(SharedText uri)
-    : SingleSegmentBase(RangedURI(), 1, 0, std::move(uri), 0, Range::kToEnd) {}
+SingleSegmentBase::SingleSegmentBase(SharedBase uri)
+    : SingleSegmentBase(nullptr, 1, 0, std::move(uri), 0, Range::kToEnd) {}
 
 RangedURI SingleSegmentBase::getIndex() const {
   const int64_t length = indexEnd_ < indexStart_ ? Range::kToEnd : indexEnd_ - indexStart_ + 1;

@@ -11,16 +11,16 @@ class SingleSegmentBase : public SegmentBase {
  public:
   // `indexStart` and `indexEnd` are the first and last byte of the segment index; an end of -1
   // reaches to the end of the resource, (0, -1) is no index range at all.
-  SingleSegmentBase(RangedURI initialization, int64_t timescale, int64_t presentationTimeOffset,
-                    SharedText uri, int64_t indexStart, int64_t indexEnd);
+  SingleSegmentBase(SharedURI initialization, int64_t timescale, int64_t presentationTimeOffset,
+                    SharedBase uri, int64_t indexStart, int64_t indexEnd);
   // The whole of a resource.
-  explicit SingleSegmentBase(SharedText uri);
+  explicit SingleSegmentBase(SharedBase uri);
 
   Type type() const override { return Type::Single; }
 
   // The resolved URL of the media.
-  const FastString& uri() const { return textOf(uri_); }
-  const SharedText& sharedURI() const { return uri_; }
+  FastString uri() const { return uri_ ? uri_->resolve() : FastString(); }
+  const SharedBase& sharedURI() const { return uri_; }
   int64_t indexStart() const { return indexStart_; }
   int64_t indexEnd() const { return indexEnd_; }
   bool hasIndexRange() const { return indexStart_ != 0 || indexEnd_ != Range::kToEnd; }
@@ -28,7 +28,7 @@ class SingleSegmentBase : public SegmentBase {
   RangedURI getIndex() const;
 
  private:
-  const SharedText uri_;
+  const SharedBase uri_;
   const int64_t indexStart_;
   const int64_t indexEnd_;
 };

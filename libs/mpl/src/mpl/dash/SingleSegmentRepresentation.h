@@ -24,7 +24,7 @@ class SingleSegmentRepresentation : public Representation {
   const SegmentIndex& getIndex() const override { return index_; }
 
   // The resolved URL of the media.
-  const FastString& mediaURL() const { return base_->uri(); }
+  FastString mediaURL() const { return base_->uri(); }
   int64_t contentLength() const { return contentLength_; }
 
  private:

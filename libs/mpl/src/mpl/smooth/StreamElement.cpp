@@ -139,7 +139,7 @@ uint64_t StreamElement::listedFragments() const {
 void StreamElement::fillListOfURL(const qnc::FastString& baseURL, size_t trackElementIndex,
                                   std::vector<mpl::RangedURI>& out) const {
   out.clear();
-  const mpl::SharedText base = mpl::shareText(baseURL);
+  const mpl::SharedBase base = mpl::ReferenceURI::share(baseURL);
   forEachURL(trackElementIndex,
              [&](std::string_view reference) { out.emplace_back(reference, base); });
 }
