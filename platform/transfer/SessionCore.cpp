@@ -158,10 +158,11 @@ void SessionCore::_receive(TransferEvent&& event) {
       event.kind == TransferEvent::Kind::Finished || event.kind == TransferEvent::Kind::Failed;
   {
     MutexLock taskLock(task->mutex_);
-    task->wait_ =
-        event.kind == TransferEvent::Kind::Waiting ? event.wait : URLSessionTaskWaitReason{};
-    task->retryAtMs_ = event.retryAtMs;
-    if (event.kind == TransferEvent::Kind::Waiting) return;
+    if (event.kind == TransferEvent::Kind::Waiting) {
+      task->wait_ = event.wait;
+      task->retryAtMs_ = event.retryAtMs;
+      return;
+    }
     if (event.response) task->response_ = event.response;
     if (event.kind != TransferEvent::Kind::Failed) {
       task->received_ = event.received;

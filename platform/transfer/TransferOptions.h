@@ -16,8 +16,8 @@ struct TransferOptions {
   int connectionsPerHost = 16;
   int transfers = 64;
   int64_t bytesPerSecond = 0;  // 0: no limit
-  int64_t connectTimeoutMs = 30'000;
-  int64_t stallTimeoutMs = 60'000;
+  int64_t connectTimeoutMs = 20'000;
+  int64_t stallTimeoutMs = 30'000;  // shorter than the bound: a stalled transfer is tried again
   int64_t retryBoundMs = 60'000;
   int64_t diskFullBoundMs = 600'000;
   std::string caFile;

@@ -92,13 +92,18 @@ TEST_F(SessionTest, GoesOnAfterReopening) {
   const auto id = task->taskIdentifier();
   task.reset();
   reopen();
-  const auto again = tasks();
+  std::vector<std::shared_ptr<URLSessionDownloadTask>> again;
+  session_->getTasksWithCompletionHandler([&](const URLSession::Tasks& all) {
+    // Nothing moves before this returns.
+    again = all;
+    ASSERT_EQ(1u, again.size());
+    EXPECT_EQ(id, again[0]->taskIdentifier());
+    EXPECT_EQ("a description", again[0]->taskDescription());
+    EXPECT_EQ(URLSessionTaskState::Running, again[0]->state());
+    EXPECT_EQ(200000, again[0]->countOfBytesReceived());
+    EXPECT_EQ(400000, again[0]->countOfBytesExpectedToReceive());
+  });
   ASSERT_EQ(1u, again.size());
-  EXPECT_EQ(id, again[0]->taskIdentifier());
-  EXPECT_EQ("a description", again[0]->taskDescription());
-  EXPECT_EQ(URLSessionTaskState::Running, again[0]->state());
-  EXPECT_EQ(200000, again[0]->countOfBytesReceived());
-  EXPECT_EQ(400000, again[0]->countOfBytesExpectedToReceive());
   ASSERT_TRUE(recorder_->waitFor(again[0], "done"));
   EXPECT_EQ("", qntest::compareWithContent(recorder_->fileOf(*again[0]), "/a", 0, 400000));
   EXPECT_EQ(0u, server_.bytesSentAgain("/a"));

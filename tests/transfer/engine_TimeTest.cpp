@@ -1,0 +1,328 @@
+#include <cerrno>
+
+#include <gtest/gtest.h>
+
+#include "platform/NetworkMonitor.h"
+#include "platform/transfer/PartialFiles.h"
+#include "platform/transfer/TransferEngine.h"
+#include "platform/transfer/TransferSession.h"
+#include "tests/support/FaultServer.h"
+#include "tests/support/TempDirectory.h"
+#include "tests/support/TestContent.h"
+#include "tests/transfer/engine_ManualClock.h"
+#include "tests/transfer/engine_Recorder.h"
+
+namespace {
+
+using namespace platform;
+using qntest::Fault;
+using qntest::FaultServer;
+using qntest::Recorder;
+using Task = std::shared_ptr<URLSessionDownloadTask>;
+
+class ScriptedNetwork : public NetworkMonitor {
+ public:
+  NetworkStatus status() const override {
+    std::lock_guard lock(mutex_);
+    return status_;
+  }
+  Watcher addWatcher(std::function<void()> changed) override {
+    std::lock_guard lock(mutex_);
+    changed_ = std::move(changed);
+    return 1;
+  }
+  void removeWatcher(Watcher) override {
+    std::lock_guard lock(mutex_);
+    changed_ = nullptr;
+  }
+  void set(NetworkStatus status) {
+    std::lock_guard lock(mutex_);
+    status_ = status;
+    if (changed_) changed_();
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  NetworkStatus status_;
+  std::function<void()> changed_;
+};
+
+// The engine under a clock that the test moves: no time-out, back-off or bound is waited for.
+class TimeTest : public testing::Test {
+ protected:
+  ~TimeTest() override { PartialFiles::setHook(nullptr); }
+
+  void open() {
+    auto engine = std::make_unique<TransferEngine>(
+        TransferLocation{"time", directory_.path("state"), directory_.path("partial")}, options_,
+        false, clock());
+    session_ = TransferSession::make({}, recorder_, std::move(engine));
+    session_->getTasksWithCompletionHandler({});
+  }
+  Task begin(const std::string& path) {
+    auto task = session_->downloadTaskWithRequest(
+        URLRequest::requestWithURL(URL::URLWithString(server_.url(path))));
+    task->resume();
+    return task;
+  }
+  // A session whose last reference is dropped by a delegate call may close a moment after the test.
+  qntest::ManualClock& clock() {
+    static auto* const clocks = new std::vector<std::unique_ptr<qntest::ManualClock>>;
+    if (!clock_) clock_ = clocks->emplace_back(std::make_unique<qntest::ManualClock>()).get();
+    return *clock_;
+  }
+  void pass(int64_t milliseconds) {
+    passUntil([] { return false; }, 200, milliseconds);
+  }
+  // Lets time pass in steps until something holds; the virtual milliseconds that it took, -1:
+  // never.
+  int64_t passUntil(const std::function<bool()>& condition, int64_t step = 200,
+                    int64_t limit = 120'000) {
+    const int64_t start = clock().nowMs();
+    while (clock().nowMs() - start < limit) {
+      if (recorder_->waitUntil(condition, 0.004)) return clock().nowMs() - start;
+      clock().advance(step);
+    }
+    return -1;
+  }
+  bool ended(const Task& task) { return task->state() == URLSessionTaskState::Completed; }
+  bool waits(const Task& task, URLSessionTaskWait wait) {
+    return recorder_->waitUntil([&] { return task->waitReason().wait == wait; });
+  }
+  std::string contentOf(const Task& task) { return task->originalRequest()->url()->path(); }
+  void expectWhole(const Task& task, uint64_t size) {
+    EXPECT_EQ("", qntest::compareWithContent(recorder_->fileOf(*task), contentOf(task), 0, size));
+  }
+  static bool hasResumeData(const Task& task) {
+    return task->error() && task->error()->userInfo().count(NSURLSessionDownloadTaskResumeData) > 0;
+  }
+
+  qntest::TempDirectory directory_;
+  qntest::ManualClock* clock_ = nullptr;
+  FaultServer server_;
+  TransferOptions options_;
+  std::shared_ptr<Recorder> recorder_ = std::make_shared<Recorder>(directory_.path());
+  std::shared_ptr<URLSession> session_;
+};
+
+TEST_F(TimeTest, StalledTransferIsTriedAgainFromWhereItStopped) {
+  server_.serve("/a", 300000);
+  server_.script("/a", {Fault::stall(100000)});
+  open();
+  const auto task = begin("/a");
+  ASSERT_NE(-1, passUntil([&] { return task->countOfBytesReceived() == 100000; }));
+  clock().advance(29'000);
+  EXPECT_FALSE(recorder_->waitUntil([&] { return server_.requestCount("/a") > 1; }, 0.1));
+  const int64_t passed = passUntil([&] { return ended(task); }, 1000);
+  EXPECT_GT(passed, 0);
+  EXPECT_LE(passed, 5000);
+  expectWhole(task, 300000);
+  EXPECT_EQ(0u, server_.bytesSentAgain("/a"));
+}
+
+TEST_F(TimeTest, FailureIsFinalAfterTheBoundWithoutProgress) {
+  server_.setRefusing(true);
+  open();
+  const auto task = begin("/a");
+  const int64_t passed = passUntil([&] { return ended(task); });
+  EXPECT_GE(passed, 59'000);
+  EXPECT_LE(passed, 75'000);
+  EXPECT_EQ(URLErrorCannotConnectToHost, task->error()->code());
+  EXPECT_NE(std::string::npos, task->error()->localizedDescription().find(server_.url("/a")));
+  EXPECT_FALSE(hasResumeData(task));
+  // The host's time is up for its other tasks, too: a dead server does not cost a minute for each.
+  const auto next = begin("/b");
+  EXPECT_LE(passUntil([&] { return ended(next); }), 31'000);
+}
+
+TEST_F(TimeTest, SuspendedTaskDoesNotGrowOlder) {
+  server_.setRefusing(true);
+  open();
+  const auto task = begin("/a");
+  ASSERT_TRUE(waits(task, URLSessionTaskWait::Retry));
+  EXPECT_GT(task->waitReason().secondsUntilRetry, 0);
+  task->suspend();
+  ASSERT_TRUE(waits(task, URLSessionTaskWait::Suspended));
+  pass(100'000);
+  task->resume();
+  EXPECT_GE(passUntil([&] { return ended(task); }), 55'000);
+}
+
+TEST_F(TimeTest, LastingStatusEndsAsItsResponseOrWithResumeData) {
+  server_.serve("/fresh", 1000);
+  server_.script("/fresh", {}, Fault::page(503));
+  server_.serve("/begun", 300000);
+  server_.script("/begun", {Fault::reset(200000)}, Fault::page(504));
+  open();
+  const auto begun = begin("/begun");
+  ASSERT_NE(-1, passUntil([&] { return ended(begun); }));
+  EXPECT_EQ(URLErrorNetworkConnectionLost, begun->error()->code());
+  EXPECT_TRUE(hasResumeData(begun));
+  const auto& info = begun->error()->userInfo();
+  ASSERT_TRUE(info.count(QNURLErrorHTTPStatusKey));
+  EXPECT_EQ(504, std::any_cast<int64_t>(info.at(QNURLErrorHTTPStatusKey)));
+
+  const auto fresh = begin("/fresh");
+  ASSERT_NE(-1, passUntil([&] { return ended(fresh); }));
+  ASSERT_TRUE(recorder_->waitFor(fresh, "done"));
+  const auto response = std::dynamic_pointer_cast<const HTTPURLResponse>(fresh->response());
+  EXPECT_EQ(503, response->statusCode());
+  EXPECT_EQ(recorder_->reports(fresh).front().written, recorder_->reports(fresh).front().total);
+}
+
+TEST_F(TimeTest, RetryAfterIsHonouredWithinTheBound) {
+  server_.serve("/a", 1000);
+  server_.script("/a", {Fault::page(503, {{"Retry-After", "20"}})});
+  server_.serve("/b", 1000);
+  server_.script("/b", {Fault::page(429, {{"Retry-After", "3600"}})});
+  open();
+  const auto task = begin("/a");
+  ASSERT_TRUE(waits(task, URLSessionTaskWait::Retry));
+  EXPECT_NEAR(20, task->waitReason().secondsUntilRetry, 0.1);
+  const int64_t passed = passUntil([&] { return ended(task); }, 500);
+  EXPECT_GE(passed, 19'500);
+  EXPECT_LE(passed, 21'000);
+  expectWhole(task, 1000);
+  // An hour is more than will be waited for: the response is the application's to judge.
+  const auto late = begin("/b");
+  EXPECT_EQ(0, passUntil([&] { return ended(late); }));
+  ASSERT_TRUE(recorder_->waitFor(late, "done"));
+}
+
+TEST_F(TimeTest, SuspendedTransferKeepsItsConnectionForSomeSeconds) {
+  server_.serve("/a", 300000);
+  server_.script("/a", {Fault::hold(100000), Fault::hold(200000)});
+  open();
+  const auto task = begin("/a");
+  ASSERT_TRUE(server_.waitForSent("/a", 100000));
+  ASSERT_NE(-1, passUntil([&] { return task->countOfBytesReceived() == 100000; }));
+  task->suspend();
+  ASSERT_TRUE(waits(task, URLSessionTaskWait::Suspended));
+  clock().advance(1000);
+  task->resume();
+  server_.release("/a");
+  ASSERT_NE(-1, passUntil([&] { return ended(task); }));
+  EXPECT_EQ(1u, server_.requestCount("/a"));
+  expectWhole(task, 300000);
+}
+
+TEST_F(TimeTest, LongSuspensionGivesTheConnectionUpAndGoesOnFromTheFile) {
+  server_.serve("/a", 300000);
+  server_.script("/a", {Fault::hold(100000)});
+  open();
+  const auto task = begin("/a");
+  ASSERT_TRUE(server_.waitForSent("/a", 100000));
+  ASSERT_NE(-1, passUntil([&] { return task->countOfBytesReceived() == 100000; }));
+  task->suspend();
+  ASSERT_TRUE(waits(task, URLSessionTaskWait::Suspended));
+  pass(7000);
+  task->resume();
+  ASSERT_NE(-1, passUntil([&] { return ended(task); }));
+  EXPECT_EQ(2u, server_.requestCount("/a"));
+  EXPECT_EQ(0u, server_.bytesSentAgain("/a"));
+  expectWhole(task, 300000);
+}
+
+TEST_F(TimeTest, WaitsForRoomAndGoesOn) {
+  server_.serve("/a", 300000);
+  std::atomic<int> writes{0};
+  std::atomic<bool> full{true};
+  PartialFiles::setHook([&](const char* operation) {
+    const bool isWrite = std::string_view(operation) == "write";
+    return isWrite && ++writes > 5 && full ? ENOSPC : 0;
+  });
+  open();
+  const auto task = begin("/a");
+  ASSERT_TRUE(waits(task, URLSessionTaskWait::DiskFull));
+  EXPECT_FALSE(task->waitReason().detail.empty());
+  clock().advance(2000);
+  ASSERT_TRUE(waits(task, URLSessionTaskWait::DiskFull));
+  full = false;
+  ASSERT_NE(-1, passUntil([&] { return ended(task); }, 1000));
+  expectWhole(task, 300000);
+}
+
+TEST_F(TimeTest, FullDiskIsAFailureAfterItsBound) {
+  server_.serve("/a", 300000);
+  std::atomic<int> writes{0};
+  PartialFiles::setHook([&](const char* operation) {
+    return std::string_view(operation) == "write" && ++writes > 5 ? ENOSPC : 0;
+  });
+  options_.diskFullBoundMs = 30'000;
+  open();
+  const auto task = begin("/a");
+  ASSERT_TRUE(waits(task, URLSessionTaskWait::DiskFull));
+  const int64_t passed = passUntil([&] { return ended(task); }, 1000);
+  EXPECT_GE(passed, 29'000);
+  EXPECT_LE(passed, 40'000);
+  EXPECT_EQ(NSPOSIXErrorDomain, task->error()->domain());
+  EXPECT_EQ(ENOSPC, task->error()->code());
+  EXPECT_TRUE(hasResumeData(task));
+}
+
+TEST_F(TimeTest, ObeysTheNetwork) {
+  ScriptedNetwork network;
+  NetworkMonitor::setDefaultMonitor(&network);
+  server_.serve("/a", 300000);
+  server_.script("/a", {Fault::hold(100000)});
+  options_.allowsCellularAccess = false;
+  network.set({false, false});
+  open();
+  const auto task = begin("/a");
+  EXPECT_TRUE(waits(task, URLSessionTaskWait::Network));
+  clock().advance(600'000);
+  EXPECT_EQ(0u, server_.requestCount("/a"));
+  network.set({true, false});
+  ASSERT_TRUE(server_.waitForSent("/a", 100000));
+  network.set({true, true});
+  EXPECT_TRUE(waits(task, URLSessionTaskWait::Metered));
+  clock().advance(600'000);
+  network.set({true, false});
+  ASSERT_NE(-1, passUntil([&] { return ended(task); }));
+  expectWhole(task, 300000);
+  EXPECT_EQ(2u, server_.requestCount("/a"));
+  session_.reset();
+  NetworkMonitor::setDefaultMonitor(nullptr);
+}
+
+TEST_F(TimeTest, HoldsTheLimits) {
+  options_.connectionsPerHost = 2;
+  std::vector<Task> tasks;
+  qntest::FaultResource any;
+  any.size = 1000;
+  server_.servePrefix("/", any);
+  server_.setChooser([](const qntest::FaultRequest&) { return Fault::hold(500); });
+  open();
+  for (int i = 0; i < 5; ++i)
+    tasks.push_back(begin("/" + std::to_string(i)));
+  EXPECT_TRUE(waits(tasks[4], URLSessionTaskWait::Limit));
+  EXPECT_TRUE(waits(tasks[0], URLSessionTaskWait::None));
+  for (int i = 0; i < 5; ++i) {
+    ASSERT_TRUE(server_.waitForRequests("/" + std::to_string(i), 1));
+    server_.release("/" + std::to_string(i));
+    ASSERT_TRUE(recorder_->waitFor(tasks[static_cast<size_t>(i)], "done"));
+  }
+  EXPECT_EQ(2, server_.maximumConcurrent());
+}
+
+TEST_F(TimeTest, HoldsTheByteRate) {
+  qntest::FaultResource any;
+  any.size = 200000;
+  server_.servePrefix("/", any);
+  options_.bytesPerSecond = 50'000;
+  options_.stallTimeoutMs = 3'000;  // waiting for one's turn is no stall
+  open();
+  const std::vector<Task> tasks = {begin("/a"), begin("/b"), begin("/c")};
+  const int64_t passed = passUntil(
+      [&] {
+        return std::all_of(tasks.begin(), tasks.end(), [&](const auto& t) { return ended(t); });
+      },
+      100);
+  EXPECT_GE(passed, 9'000);
+  EXPECT_LE(passed, 16'000);
+  for (const auto& task : tasks)
+    expectWhole(task, 200000);
+  EXPECT_EQ(3u, server_.requestCount());
+}
+
+}  // namespace
