@@ -64,7 +64,9 @@ class PeriodDurations {
     const int64_t whole = mpd_.mediaPresentationDuration();
     if (own >= 0 || whole < 1) return own;
     // An unknown elapsed time enters as the -1 that it is.
-    if (index + 1 == periods.size()) return elapsedMs_ < whole ? whole - elapsedMs_ : own;
+    if (index + 1 == periods.size()) {
+      return elapsedMs_ < whole ? qnc::saturatingSub(whole, elapsedMs_) : own;
+    }
     platform::assertThat(periods[index + 1] != nullptr, kNullPointer);
     const int64_t start = periods[index]->startMs() < 0 ? elapsedMs_ : periods[index]->startMs();
     const int64_t nextStart = periods[index + 1]->startMs();

@@ -37,5 +37,7 @@ std::string QNPlaylist::format() const {
 }
 
 void QNPlaylist::addOmission(std::string line) {
+  if (omissions_.size() > MaximumOmissions) return;
+  if (omissions_.size() == MaximumOmissions) line = "and more";
   omissions_.push_back(std::move(line));
 }

@@ -39,7 +39,9 @@ class QN_EXPORT QNPlaylist {
   // Additions of this library, for programs that show a manifest.
   // "dash", "smooth", or empty for a playlist that was made by hand.
   virtual std::string format() const;
-  // What the manifest holds and the model leaves out, one line for a person each.
+  // What the manifest holds and the model leaves out, one line for a person each; after
+  // MaximumOmissions "and more".
+  static constexpr size_t MaximumOmissions = 100;
   const std::vector<std::string>& omissions() const { return omissions_; }
   void addOmission(std::string line);
 

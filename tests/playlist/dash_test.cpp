@@ -160,6 +160,18 @@ TEST(DASH, LeavesOutWhatHasNothingToList) {
       "Period 3: 2 adaptation sets of a type that is not video, audio or text (image/jpeg)\n");
 }
 
+TEST(DASH, TellsNoMoreOmissionsThanAPersonReads) {
+  std::string periods;
+  for (int i = 0; i < 200; ++i)
+    periods += "<Period duration='PT1S'/>";
+  const auto playlist =
+      parse(mpd(periods + "<Period>" + adaptationSet("mimeType='video/mp4'") + "</Period>"));
+  ASSERT_TRUE(playlist);
+  ASSERT_EQ(playlist->omissions().size(), 101u);
+  EXPECT_EQ(playlist->omissions()[99], "Period 100 has no adaptation set");
+  EXPECT_EQ(playlist->omissions()[100], "and more");
+}
+
 TEST(DASH, ListsWhatTheAddressingSays) {
   const std::string numbers = "timescale='1000' duration='4000'";
   const struct {
