@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <thread>
 
@@ -66,12 +67,15 @@ void forget(int fd) {
   throw Exception("NSURLSessionException", reason);
 }
 
-std::string holderOf(int fd) {
+pid_t readHolder(int fd) {
   std::array<char, 32> text{};
   const auto count = ::pread(fd, text.data(), text.size() - 1, 0);
-  std::string holder(text.data(), count > 0 ? static_cast<size_t>(count) : 0);
-  holder.erase(holder.find_last_not_of(" \n") + 1);
-  return holder.empty() ? "another process" : "process " + holder;
+  return count > 0 ? static_cast<pid_t>(std::strtol(text.data(), nullptr, 10)) : 0;
+}
+
+std::string holderOf(int fd) {
+  const pid_t holder = readHolder(fd);
+  return holder <= 0 ? "another process" : "process " + std::to_string(holder);
 }
 
 void writeHolder(int fd) {
@@ -101,6 +105,12 @@ StoreLock::StoreLock(const std::string& directory, const std::string& identifier
   writeHolder(fd.get());
   fd_ = fd.release();
   remember(fd_);
+}
+
+std::optional<pid_t> StoreLock::holder(const std::string& directory) {
+  const FileDescriptor fd(::open((directory + "/lock").c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+  if (!fd || ::flock(fd.get(), LOCK_SH | LOCK_NB) == 0 || errno != EWOULDBLOCK) return std::nullopt;
+  return readHolder(fd.get());
 }
 
 StoreLock::~StoreLock() {

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <optional>
 #include <string>
+
+#include <sys/types.h>
 
 namespace platform {
 
@@ -14,6 +17,10 @@ class StoreLock {
   // cannot be made.
   StoreLock(const std::string& directory, const std::string& identifier, int waitMs);
   ~StoreLock();
+  // The process that holds the lock of a directory (0 when it does not say), nullopt when none
+  // does.
+  static std::optional<pid_t> holder(const std::string& directory);
+
   StoreLock(const StoreLock&) = delete;
   StoreLock& operator=(const StoreLock&) = delete;
 

@@ -3,8 +3,10 @@
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "platform/Exception.h"
@@ -76,8 +78,11 @@ class ServiceTest : public testing::Test {
 
   void killService() const {
     if (const pid_t process = service()) {
+      // Gone is gone, whether or not somebody has asked how it ended.
+      const FileDescriptor fd(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
       ::kill(process, SIGKILL);
-      eventually([process] { return ::kill(process, 0) != 0; });
+      pollfd waiting{fd.get(), POLLIN, 0};
+      ::poll(&waiting, 1, 10'000);
     }
   }
 
@@ -209,7 +214,7 @@ std::vector<std::string> someFrames() {
   return {encodeFrame(OpenMessage{1, configuration, true}),
           encodeFrame(BatchMessage{2, {create, describe}}),
           encodeFrame(ReserveMessage{3, 17}),
-          encodeFrame(OpenedMessage{4, "no", true, {task}}),
+          encodeFrame(OpenedMessage{4, "no", true, true, {task}}),
           encodeFrame(StartedMessage{5, 6}),
           encodeFrame(EventsMessage{{someEvent(), TransferEvent{}}})};
 }
@@ -506,8 +511,10 @@ TEST_F(ServiceTest, LeavesWhenNothingIsLeftToDo) {
   ASSERT_TRUE(recorder_->waitFor(begin("/a"), "done"));
   const pid_t process = service();
   ASSERT_NE(0, process);
+  const FileDescriptor fd(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
   session_.reset();
-  EXPECT_TRUE(eventually([process] { return ::kill(process, 0) != 0; }));
+  pollfd gone{fd.get(), POLLIN, 0};
+  EXPECT_EQ(1, ::poll(&gone, 1, 10'000));
   EXPECT_EQ(0, service());
 }
 

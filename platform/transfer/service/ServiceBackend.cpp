@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <utility>
 
 #include <sys/socket.h>
@@ -22,13 +23,20 @@ constexpr const char* kSessionException = "NSURLSessionException";
 constexpr uint32_t kReserved = 512;
 constexpr int kAnswerTimeoutMs = 10'000;
 constexpr int kGoodbyeTimeoutMs = 2'000;
+constexpr auto kHeldTimeout = std::chrono::seconds(3);
+constexpr auto kHeldPause = std::chrono::milliseconds(50);
 constexpr size_t kCallsPerMessage = 4'096;
 
-// With everything filled in that this process knows and the service cannot: directories and
-// defaults.
+std::string absolutePath(const std::string& path) {
+  return path.empty() ? path : std::filesystem::absolute(path).lexically_normal().string();
+}
+
+// With everything filled in that this process knows and the service cannot: where relative paths
+// begin, and defaults.
 URLSessionConfiguration completed(URLSessionConfiguration configuration) {
   const TransferOptions options = TransferOptions::fromConfiguration(configuration);
-  configuration.stateDirectory = stateRoot(configuration);
+  configuration.stateDirectory = absolutePath(stateRoot(configuration));
+  configuration.partialDirectory = absolutePath(configuration.partialDirectory);
   configuration.maximumConnectionsPerHost = options.connectionsPerHost;
   configuration.maximumTransfers = options.transfers;
   configuration.maximumBytesPerSecond = options.bytesPerSecond;
@@ -36,7 +44,7 @@ URLSessionConfiguration completed(URLSessionConfiguration configuration) {
   configuration.stallTimeoutSeconds = static_cast<double>(options.stallTimeoutMs) / 1000;
   configuration.retryBoundSeconds = static_cast<double>(options.retryBoundMs) / 1000;
   configuration.diskFullBoundSeconds = static_cast<double>(options.diskFullBoundMs) / 1000;
-  configuration.caFile = options.caFile;
+  configuration.caFile = absolutePath(options.caFile);
   return configuration;
 }
 
@@ -74,6 +82,18 @@ ServiceBackend::~ServiceBackend() {
 
 FileDescriptor ServiceBackend::connectAndOpen(bool again, std::vector<TransferTaskInfo>& tasks,
                                               std::string& refusal) {
+  // Another holder may be about to go.
+  const auto deadline = std::chrono::steady_clock::now() + kHeldTimeout;
+  for (;;) {
+    bool held = false;
+    FileDescriptor fd = connectAndOpenOnce(again, tasks, refusal, held);
+    if (fd || !held || std::chrono::steady_clock::now() >= deadline) return fd;
+    std::this_thread::sleep_for(kHeldPause);
+  }
+}
+
+FileDescriptor ServiceBackend::connectAndOpenOnce(bool again, std::vector<TransferTaskInfo>& tasks,
+                                                  std::string& refusal, bool& held) {
   FileDescriptor fd = connectToService(refusal);
   if (!fd) return {};
   const std::string frame =
@@ -85,6 +105,7 @@ FileDescriptor ServiceBackend::connectAndOpen(bool again, std::vector<TransferTa
     const auto* opened = message ? std::get_if<OpenedMessage>(&*message) : nullptr;
     if (!opened || !opened->refusal.empty()) {
       refusal = opened ? opened->refusal : "The transfer service gave no answer";
+      held = opened && opened->held;
       return {};
     }
     tasks.insert(tasks.end(), opened->tasks.begin(), opened->tasks.end());

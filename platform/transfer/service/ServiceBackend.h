@@ -46,6 +46,8 @@ class ServiceBackend final : public TransferBackend {
 
   FileDescriptor connectAndOpen(bool again, std::vector<TransferTaskInfo>& tasks,
                                 std::string& refusal);
+  FileDescriptor connectAndOpenOnce(bool again, std::vector<TransferTaskInfo>& tasks,
+                                    std::string& refusal, bool& held);
   void readUntilClosed();
   // Reads frames of `fd` until it ends.
   void readFrames(int fd);

@@ -115,9 +115,14 @@ std::string serviceProgram() {
   char self[PATH_MAX];
   const ssize_t size = ::readlink("/proc/self/exe", self, sizeof(self));
   if (size > 0) {
-    std::string beside(self, static_cast<size_t>(size));
-    beside = beside.substr(0, beside.rfind('/')) + "/qn-transferd";
-    if (::access(beside.c_str(), X_OK) == 0) return beside;
+    std::string directory(self, static_cast<size_t>(size));
+    directory.resize(directory.rfind('/'));
+    // Beside it; as installed, wherever the tree was moved to; as built.
+    for (const char* place :
+         {"/qn-transferd", "/../libexec/qn-transferd", "/../bin/qn-transferd"}) {
+      const std::string program = directory + place;
+      if (::access(program.c_str(), X_OK) == 0) return program;
+    }
   }
   return QN_TRANSFERD_PATH;
 }

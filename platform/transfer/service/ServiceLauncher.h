@@ -14,8 +14,8 @@ namespace platform::service {
 // fails or the service is a newer one.
 FileDescriptor connectToService(std::string& refusal);
 
-// The program that is started: $QN_TRANSFERD, else beside this program, else where it was
-// installed.
+// The program that is started: $QN_TRANSFERD, else beside this program or in "../libexec" or
+// "../bin" of its directory, else where it was installed.
 std::string serviceProgram();
 
 // Starts a session's launch command with QN_SESSION_IDENTIFIER in its environment, in a process

@@ -395,6 +395,7 @@ void writeBody(WireWriter& out, const OpenedMessage& m) {
   out.u8(static_cast<uint8_t>(Kind::Opened));
   out.u64(m.number);
   out.text(m.refusal);
+  out.boolean(m.held);
   out.boolean(m.more);
   writeList(out, m.tasks, writeTask);
 }
@@ -445,6 +446,7 @@ Message readBody(WireReader& in) {
       OpenedMessage opened;
       opened.number = number;
       opened.refusal = in.text();
+      opened.held = in.boolean();
       opened.more = in.boolean();
       opened.tasks = readList<TransferTaskInfo>(in, 29, readTask);
       return opened;

@@ -52,6 +52,7 @@ struct GoodbyeMessage {
 struct OpenedMessage {
   uint64_t number = 0;
   std::string refusal;  // empty: the session is open
+  bool held = false;    // refused because another application has it
   bool more = false;    // another one with more tasks follows
   std::vector<TransferTaskInfo> tasks;
 };

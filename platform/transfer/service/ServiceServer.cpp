@@ -243,13 +243,15 @@ ServiceServer::Slot& ServiceServer::openSlot(const std::string& key,
 }
 
 void ServiceServer::open(ServiceConnection& connection, const OpenMessage& message) {
-  OpenedMessage answer{.number = message.number, .refusal = {}, .more = false, .tasks = {}};
+  OpenedMessage answer{
+      .number = message.number, .refusal = {}, .held = false, .more = false, .tasks = {}};
   const std::string key = SessionRegistry::keyOf(message.configuration);
   const auto known = slots_.find(key);
   if (known != slots_.end() && known->second.connection >= 0) {
     const auto& holder = connections_[known->second.connection];
     answer.refusal = "The session " + message.configuration.identifier + " is held by process " +
                      std::to_string(holder->process());
+    answer.held = true;
     return connection.answer(answer);
   }
   try {

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -20,13 +21,32 @@ namespace {
 
 constexpr uint32_t kMagic = 0x44544E51;  // "QNTD"
 
-bool fillAddress(const std::string& path, sockaddr_un& address) {
-  address = {};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof(address.sun_path)) return false;
-  std::memcpy(address.sun_path, path.data(), path.size());
-  return true;
-}
+// A path that is longer than an address is reached through its open directory.
+class Address {
+ public:
+  explicit Address(const std::string& path) {
+    value_.sun_family = AF_UNIX;
+    std::string name = path;
+    if (name.size() >= sizeof(value_.sun_path)) {
+      const size_t slash = path.rfind('/');
+      directory_.reset(
+          ::open(path.substr(0, slash).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
+      if (!directory_) error_ = errno;
+      name = "/proc/self/fd/" + std::to_string(directory_.get()) + path.substr(slash);
+    }
+    if (name.size() >= sizeof(value_.sun_path)) error_ = ENAMETOOLONG;
+    if (error_ == 0) std::memcpy(value_.sun_path, name.data(), name.size());
+  }
+
+  int error() const { return error_; }
+  const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&value_); }
+  static constexpr socklen_t size() { return sizeof(sockaddr_un); }
+
+ private:
+  FileDescriptor directory_;
+  sockaddr_un value_ = {};
+  int error_ = 0;
+};
 
 bool peerCredentials(int fd, ucred& credentials) {
   socklen_t size = sizeof(credentials);
@@ -69,14 +89,10 @@ pid_t peerProcess(int fd) {
 }
 
 FileDescriptor connectTo(const std::string& socketPath, int* error) {
-  sockaddr_un address;
-  if (!fillAddress(socketPath, address)) {
-    *error = ENAMETOOLONG;
-    return {};
-  }
+  const Address address(socketPath);
+  if ((*error = address.error()) != 0) return {};
   FileDescriptor fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (!fd ||
-      ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+  if (!fd || ::connect(fd.get(), address.get(), Address::size()) != 0) {
     *error = errno;
     return {};
   }
@@ -85,18 +101,15 @@ FileDescriptor connectTo(const std::string& socketPath, int* error) {
 }
 
 FileDescriptor listenAt(const std::string& socketPath, int* error) {
-  sockaddr_un address;
-  if (!fillAddress(socketPath, address)) {
-    *error = ENAMETOOLONG;
-    return {};
-  }
+  const Address address(socketPath);
+  if ((*error = address.error()) != 0) return {};
   if (FileDescriptor other = connectTo(socketPath, error); other) {
     *error = EADDRINUSE;
     return {};
   }
   ::unlink(socketPath.c_str());
   FileDescriptor fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  if (!fd || ::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+  if (!fd || ::bind(fd.get(), address.get(), Address::size()) != 0 ||
       ::chmod(socketPath.c_str(), 0600) != 0 || ::listen(fd.get(), 64) != 0) {
     *error = errno;
     return {};

@@ -47,6 +47,7 @@ void detach() {
   if (child < 0) return;
   if (child > 0) ::_exit(0);
   ::setsid();
+  if (::chdir("/") != 0) std::perror("qn-transferd: /");
 }
 
 int run(bool detached) {
