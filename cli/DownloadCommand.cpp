@@ -1,8 +1,14 @@
 #include "cli/DownloadCommand.h"
 
+#include <cstdlib>
+#include <string_view>
+#include <utility>
+
 #include "cli/Console.h"
+#include "cli/ControlSocket.h"
 #include "cli/DownloadReport.h"
 #include "cli/DownloadRun.h"
+#include "cli/DownloadState.h"
 #include "cli/Failure.h"
 #include "cli/Interrupt.h"
 #include "cli/ManifestLoader.h"
@@ -40,13 +46,15 @@ std::string reasonOf(const platform::Exception& exception) {
 
 class DownloadCommand {
  public:
-  explicit DownloadCommand(const Options& options)
+  DownloadCommand(const Options& options, const Headless* headless)
       : options_(options),
+        headless_(headless),
         place_(Place::forURL(options.root, options.target)),
         url_(options.target) {}
 
   int run() {
-    auto downloader = place_.openDownloader();
+    const auto downloader = place_.openDownloader(_usesService());
+    ControlServer control(place_);
     _settleURL();
     _recall(*downloader);
     const auto set = _set(*downloader);
@@ -59,15 +67,68 @@ class DownloadCommand {
     DownloadRun run(downloader, set, std::move(wanted));
     const bool complete = run.isComplete();
     if (complete || headersChanged_) run.dropEarlierTasks();
-    if (complete) return _report(run, true);
+    if (complete) {
+      static_cast<void>(_tellBegun(true));
+      return _report(run, true);
+    }
     Console::shared().note("Storing " + url_ + " in " + place_.directory);
     Interrupt::deferSignals();
     Progress progress(Console::shared());
-    if (!run.run(progress)) return _interrupted();
+    if (!run.run(progress, [&] { _turn(run, control); })) return _stopped(*downloader);
     return _report(run, false);
   }
 
  private:
+  bool _usesService() const {
+    const char* asked = std::getenv("QN_USE_SERVICE");
+    return headless_ || options_.service || (asked && std::string_view(asked) == "1");
+  }
+
+  // False when nobody is there any more to hear it.
+  bool _tellBegun(bool complete) {
+    if (!headless_ || std::exchange(begun_, true)) return true;
+    platform::JSON begun = platform::JSON::object();
+    begun.set("url", url_);
+    begun.set("id", place_.downloadId);
+    begun.set("directory", place_.directory);
+    begun.set("complete", complete);
+    return headless_->begun(begun);
+  }
+
+  void _turn(DownloadRun& run, ControlServer& control) {
+    // Whoever asked for it has gone: an interrupt like any other.
+    if (!_tellBegun(false)) {
+      _remember(Record::Intent::Pause);
+      run.leave();
+    }
+    control.answer([&](const std::string& command) { return _answer(run, command); });
+  }
+
+  platform::JSON _answer(DownloadRun& run, const std::string& command) {
+    if (command == "pause") {
+      run.pause();
+      _remember(Record::Intent::Pause);
+      // Nobody watches a headless one: it is started again to go on.
+      if (headless_) run.leave();
+    } else if (command == "resume") {
+      run.resume();
+      _remember(Record::Intent::Download);
+    } else if (command == "cancel") {
+      run.cancel();
+      run.leave();
+      cancelled_ = true;
+    } else if (command != "status") {
+      platform::JSON refused = platform::JSON::object();
+      refused.set("error", "unknown command");
+      return refused;
+    }
+    Interrupt::wake();
+    DownloadState state = DownloadState::ofHolder(place_, url_, run.figures());
+    if (cancelled_) state.state = DownloadState::Cancelled;
+    state.background = headless_ != nullptr;
+    return state.toJSON();
+  }
+
   // The address under which the download is stored decides: its identifier says nothing of scheme,
   // port, user and fragment.
   void _settleURL() {
@@ -83,6 +144,8 @@ class DownloadCommand {
     if (auto earlier = Record::read(place_.recordPath)) record_ = std::move(*earlier);
     record_.url = url_;
     record_.root = place_.root;
+    record_.service = record_.service || _usesService();
+    record_.outcome.reset();
     if (!options_.headers.empty()) {
       headersChanged_ = !(record_.headers == options_.headers);
       record_.headers = options_.headers;
@@ -161,7 +224,13 @@ class DownloadCommand {
     record_.write(place_.recordPath);
   }
 
-  int _interrupted() {
+  int _stopped(QNMovieDownloader& downloader) {
+    if (cancelled_) {
+      waitUntilWithoutTasks(downloader);
+      Record::remove(place_.recordPath);
+      Console::shared().note("Cancelled. What is whole stays; qnmovie remove deletes it.");
+      return headless_ ? ExitComplete : ExitIncomplete;
+    }
     _remember(Record::Intent::Pause);
     Console::shared().note("Paused. The same command goes on from here.");
     return Interrupt::exitCode();
@@ -170,22 +239,31 @@ class DownloadCommand {
   int _report(const DownloadRun& run, bool nothingFetched) {
     const DownloadReport report(run, nothingFetched);
     report.print(options_.json);
-    if (report.exitCode() != ExitComplete)
-      Console::shared().fail(report.headline(), report.missingLines());
+    if (report.exitCode() == ExitComplete) return ExitComplete;
+    Console::shared().fail(report.headline(), report.missingLines());
+    record_.outcome = {report.exitCode(), report.headline()};
+    _remember(Record::Intent::Download);
     return report.exitCode();
   }
 
   const Options& options_;
+  const Headless* const headless_;
   const Place place_;
   std::string url_;
   Record record_;
   bool headersChanged_ = false;
+  bool begun_ = false;
+  bool cancelled_ = false;
 };
 
 }  // namespace
 
 int runDownload(const Options& options) {
-  return DownloadCommand(options).run();
+  return DownloadCommand(options, nullptr).run();
+}
+
+int runDownload(const Options& options, const Headless& headless) {
+  return DownloadCommand(options, &headless).run();
 }
 
 }  // namespace cli

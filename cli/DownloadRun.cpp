@@ -118,7 +118,7 @@ bool DownloadRun::_startNext() {
   return true;
 }
 
-bool DownloadRun::run(Progress& progress) {
+bool DownloadRun::run(Progress& progress, const Turn& onTurn) {
   _joinEarlierTasks();
   while (Interrupt::exitCode() == 0) {
     const bool idle = set_->status() == QNDownloadStatusIdle;
@@ -129,6 +129,8 @@ bool DownloadRun::run(Progress& progress) {
       progress.clear();
       return true;
     }
+    if (onTurn) onTurn();
+    if (leaving_) break;
     const double now = secondsNow();
     if (progress.isDue(now)) progress.show(figures(), now);
     const double pause = std::max(0.01, progress.secondsUntilDue(secondsNow()));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -44,8 +45,16 @@ class DownloadRun {
   // Tasks that an earlier launch left are dropped before the start, because they ask for something
   // else now.
   void dropEarlierTasks();
-  // False when a signal ended it; the set is paused then.
-  [[nodiscard]] bool run(Progress& progress);
+  // False when a signal or `leave` ended it; the set is paused then, unless it is idle.
+  // `onTurn` is called now and then, first when everything that can be started has been.
+  using Turn = std::function<void()>;
+  [[nodiscard]] bool run(Progress& progress, const Turn& onTurn = {});
+
+  // What other commands ask for, from within a turn.
+  void pause() { downloader_->pause(set_); }
+  void resume() { downloader_->resume(set_); }
+  void cancel() { downloader_->cancel(set_); }
+  void leave() { leaving_ = true; }
 
   // Wanted qualities that are not stored, with what happened to them (null: not tried).
   std::vector<std::pair<std::shared_ptr<QNQuality>, platform::ErrorPtr>> missing() const;
@@ -63,6 +72,7 @@ class DownloadRun {
   const Wanted wanted_;
   const std::shared_ptr<SetObserver> observer_;
   std::map<std::shared_ptr<QNQuality>, platform::ErrorPtr> failed_;
+  bool leaving_ = false;
 };
 
 }  // namespace cli

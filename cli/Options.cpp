@@ -5,6 +5,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "cli/ControlOptions.h"
 #include "cli/ExitCode.h"
 #include "cli/Failure.h"
 #include "cli/Text.h"
@@ -76,6 +77,7 @@ void addCommands(CLI::App& app, Parsed& parsed) {
   parsed.addHeaders(download);
   parsed.addRoot(download);
   parsed.addCommon(download);
+  addServiceOptions(*download, options);
   download->callback([&] { options.command = Command::Download; });
 
   auto* list = app.add_subcommand("list", "Show what is stored");
@@ -89,6 +91,11 @@ void addCommands(CLI::App& app, Parsed& parsed) {
   parsed.addRoot(remove);
   parsed.addCommon(remove);
   remove->callback([&] { options.command = Command::Remove; });
+
+  addControlCommands(app, options, [&](CLI::App* command) {
+    parsed.addRoot(command);
+    parsed.addCommon(command);
+  });
 }
 
 void addHeader(platform::HTTPHeaders& headers, const std::string& text) {

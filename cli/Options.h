@@ -8,7 +8,7 @@
 
 namespace cli {
 
-enum class Command { Info, Download, List, Remove };
+enum class Command { Info, Download, List, Remove, Status, Pause, Resume, Cancel, ResumeSession };
 
 // A parsed command line.
 struct Options {
@@ -21,6 +21,10 @@ struct Options {
   bool resources = false;
   bool json = false;
   bool quiet = false;
+  bool background = false;  // download: return once it is going on
+  bool service = false;     // download: in the transfer service
+  bool follow = false;      // status
+  bool handover = false;    // resume-session: options come on standard input
 };
 
 // What was printed instead: the program ends with this code.

@@ -3,7 +3,9 @@
 #include <climits>
 #include <cstdlib>
 
+#include "cli/Background.h"
 #include "cli/Failure.h"
+#include "cli/Record.h"
 #include "engine/QNMovieDownloadProperties.h"
 #include "platform/Exception.h"
 #include "platform/FileManager.h"
@@ -36,7 +38,7 @@ Place placeOf(const std::string& canonicalRoot, const std::string& downloadId) {
   place.sessionIdentifier = "qnmovie/" + platform::transferHash(canonicalRoot) + "/" + downloadId;
   place.storeDirectory =
       platform::TransferLocation::fromConfiguration(configurationFor(place)).storeDirectory;
-  place.recordPath = place.storeDirectory + ".qnmovie.json";
+  place.recordPath = place.storeDirectory + kRecordExtension;
   return place;
 }
 
@@ -85,9 +87,42 @@ std::string Place::storedURL() const {
   return properties ? properties->sourceURL().value_or("") : "";
 }
 
-std::shared_ptr<QNMovieDownloader> Place::openDownloader() const {
-  const auto configure = [this](platform::URLSessionConfiguration& configuration) {
+Place Place::forTarget(const std::string& root, const std::string& text) {
+  if (isDownloadId(text)) return forDownloadId(root, text);
+  const std::string canonicalRoot = canonical(root);
+  return placeOf(canonicalRoot, QNMovieDownloader::downloadIdWithURL(text, canonicalRoot));
+}
+
+std::optional<Place> Place::forSession(const std::string& sessionIdentifier) {
+  Place place;
+  place.sessionIdentifier = sessionIdentifier;
+  const std::string path =
+      platform::TransferLocation::fromConfiguration(configurationFor(place)).storeDirectory +
+      kRecordExtension;
+  const auto record = Record::read(path);
+  if (!record) return std::nullopt;
+  const size_t slash = sessionIdentifier.rfind('/');
+  place = placeOf(record->root, slash == std::string::npos ? sessionIdentifier
+                                                           : sessionIdentifier.substr(slash + 1));
+  if (place.sessionIdentifier != sessionIdentifier) return std::nullopt;
+  return place;
+}
+
+bool Place::usesService() const {
+  const auto record = Record::read(recordPath);
+  return record && record->service;
+}
+
+std::string Place::partialDirectory() const {
+  return platform::TransferLocation::fromConfiguration(configurationFor(*this)).partialDirectory;
+}
+
+std::shared_ptr<QNMovieDownloader> Place::openDownloader(bool useService) const {
+  const bool inService = useService || usesService();
+  const auto configure = [&](platform::URLSessionConfiguration& configuration) {
     configuration.partialDirectory = configurationFor(*this).partialDirectory;
+    configuration.useService = inService;
+    if (inService) configuration.launchCommand = launchCommand();
   };
   try {
     return QNMovieDownloader::initWithIdentifier(sessionIdentifier, true, false, root, configure);

@@ -1,11 +1,15 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "engine/QNMovieDownloader.h"
 
 namespace cli {
+
+// A record is the session's store directory with this.
+inline constexpr const char* kRecordExtension = ".qnmovie.json";
 
 // Where one download has its things. One process at a time works on a download, whoever holds its
 // session.
@@ -22,6 +26,11 @@ struct Place {
   // The root need not exist.
   static Place forDownloadId(const std::string& root, const std::string& downloadId);
 
+  // Of the download that `text` (URL or identifier) means.
+  static Place forTarget(const std::string& root, const std::string& text);
+  // The place of a session of this program, which its record tells; nullopt without one.
+  static std::optional<Place> forSession(const std::string& sessionIdentifier);
+
   // Whether anything is stored.
   bool exists() const;
   bool hasManifest(const QNMovieDownloader& downloader) const;
@@ -30,8 +39,12 @@ struct Place {
   std::string storedURL() const;
 
   // Opens the session and finds the tasks of earlier launches. Throws Failure (ExitHeld) when
-  // another process holds it.
-  std::shared_ptr<QNMovieDownloader> openDownloader() const;
+  // another process holds it. In the transfer service when that is asked for or was once: then the
+  // service starts this program again when it dies.
+  std::shared_ptr<QNMovieDownloader> openDownloader(bool useService = false) const;
+  bool usesService() const;
+  // The directory of the session's partial files.
+  std::string partialDirectory() const;
 };
 
 // Whether the text has the form of a download identifier.

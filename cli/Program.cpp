@@ -5,7 +5,9 @@
 #include <exception>
 #include <new>
 
+#include "cli/Background.h"
 #include "cli/Console.h"
+#include "cli/ControlCommands.h"
 #include "cli/DownloadCommand.h"
 #include "cli/Failure.h"
 #include "cli/InfoCommand.h"
@@ -35,11 +37,19 @@ int runCommand(const Options& options) {
     case Command::Info:
       return runInfo(options);
     case Command::Download:
-      return runDownload(options);
+      return options.background ? runInBackground(options) : runDownload(options);
     case Command::List:
       return runList(options);
     case Command::Remove:
       return runRemove(options);
+    case Command::Status:
+      return runStatus(options);
+    case Command::Pause:
+    case Command::Resume:
+    case Command::Cancel:
+      return runControl(options);
+    case Command::ResumeSession:
+      return runResumeSession(options);
   }
   return ExitUsage;
 }

@@ -60,6 +60,15 @@ std::optional<Record> fromJSON(const JSON& json) {
     }
   }
   if (text("intent") == "pause") record.intent = Record::Intent::Pause;
+  if (const JSON* service = json.find("service"))
+    record.service = service->boolean().value_or(false);
+  const JSON* outcome = json.find("outcome");
+  const JSON* code = outcome ? outcome->find("code") : nullptr;
+  const JSON* message = outcome ? outcome->find("message") : nullptr;
+  if (code && message) {
+    record.outcome = {static_cast<int>(code->integer().value_or(ExitIncomplete)),
+                      message->string().value_or("")};
+  }
   return record;
 }
 
@@ -122,6 +131,13 @@ void Record::write(const std::string& path) const {
     fields.set(name, value);
   json.set("headers", std::move(fields));
   json.set("intent", intent == Intent::Pause ? "pause" : "download");
+  json.set("service", service);
+  if (outcome) {
+    JSON ended = JSON::object();
+    ended.set("code", outcome->code);
+    ended.set("message", outcome->message);
+    json.set("outcome", std::move(ended));
+  }
 
   const std::string directory = path.substr(0, path.rfind('/'));
   const auto error =

@@ -15,11 +15,20 @@ namespace cli {
 struct Record {
   enum class Intent { Download, Pause };
 
+  // How the last run ended, unless it stored everything or was stopped.
+  struct Outcome {
+    int code = 0;
+    std::string message;
+    bool operator==(const Outcome&) const = default;
+  };
+
   std::string url;
   std::string root;  // canonical
   Choice choice;
   platform::HTTPHeaders headers;
   Intent intent = Intent::Download;
+  bool service = false;  // its transfers belong to the transfer service
+  std::optional<Outcome> outcome;
 
   // nullopt when there is none. A damaged one is set aside as "<path>.damaged" and reported to the
   // console.
