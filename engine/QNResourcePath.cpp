@@ -42,31 +42,23 @@ std::string safeComponent(std::string_view component) {
   return name.substr(0, kKeptOfLongName) + "~" + QNHexDigits(QNHash64(component));
 }
 
-// Whether the path is to be taken as it stands, which it nearly always is.
-bool isPlain(std::string_view path) {
+}  // namespace
+
+bool QNIsOrdinaryPath(std::string_view reference) {
   size_t start = 0;
-  for (size_t i = 0; i <= path.size(); ++i) {
-    if (i < path.size() && path[i] == '\0') return false;
-    if (i < path.size() && path[i] != '/') continue;
-    if (i - start > kLongestName || path.substr(start, i - start) == "..") return false;
+  for (size_t i = 0; i <= reference.size(); ++i) {
+    if (i < reference.size() && reference[i] == '\0') return false;
+    if (i < reference.size() && reference[i] != '/') continue;
+    const std::string_view component = reference.substr(start, i - start);
+    if (goesNowhere(component) || component == ".." || component.size() > kLongestName)
+      return false;
     start = i + 1;
   }
   return true;
 }
 
-// Whether normalising would change nothing.
-bool isNormalised(std::string_view path) {
-  bool normalised = !path.empty();
-  forEachComponent(path, [&](std::string_view component) {
-    if (goesNowhere(component) || component == "..") normalised = false;
-  });
-  return normalised;
-}
-
-}  // namespace
-
 std::string QNRelativeResourcePath(const std::string& reference) {
-  if (isPlain(reference)) return reference;
+  if (QNIsOrdinaryPath(reference)) return reference;
   std::string path;
   size_t depth = 0;
   bool first = true;
@@ -85,7 +77,7 @@ std::string QNRelativeResourcePath(const std::string& reference) {
 }
 
 std::string QNNormalisedPath(std::string_view relativePath) {
-  if (isNormalised(relativePath)) return std::string(relativePath);
+  if (QNIsOrdinaryPath(relativePath)) return std::string(relativePath);
   std::string path;
   forEachComponent(relativePath, [&](std::string_view component) {
     if (goesNowhere(component)) return;
@@ -102,7 +94,9 @@ std::string QNNormalisedPath(std::string_view relativePath) {
 
 std::optional<std::string> QNRefusalOfPlace(std::string_view relativePath,
                                             std::string_view manifestName) {
-  const std::string place = QNNormalisedPath(relativePath);
+  std::string normalised;
+  std::string_view place = relativePath;
+  if (!QNIsOrdinaryPath(relativePath)) place = normalised = QNNormalisedPath(relativePath);
   if (place.empty()) return "its place would be the download directory itself";
   std::string_view last = relativePath;
   if (const size_t slash = last.rfind('/'); slash != std::string_view::npos)

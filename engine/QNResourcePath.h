@@ -17,6 +17,10 @@
 // The address that is requested is never changed. Pure functions.
 QN_EXPORT std::string QNRelativeResourcePath(const std::string& reference);
 
+// Whether a reference is a path as it stands and names its file in the only way: what nearly all
+// are, and what makes the functions of this header return it unchanged.
+QN_EXPORT bool QNIsOrdinaryPath(std::string_view reference);
+
 // What a path means to the file system: without empty components, "." and "..", so that two paths
 // name one file exactly when these are equal. Empty for the directory itself.
 QN_EXPORT std::string QNNormalisedPath(std::string_view relativePath);

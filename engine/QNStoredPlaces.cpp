@@ -47,7 +47,7 @@ class QNStoredPlaces::Table {
   explicit Table(size_t count) : slots_(std::bit_ceil(count * 2 + 1)) {}
 
   // The resource that was there first, `resource` itself when none was.
-  const QNRangedURL* firstAt(const std::string& place, const QNRangedURL* resource) {
+  const QNRangedURL* firstAt(std::string_view place, const QNRangedURL* resource) {
     const uint64_t hash = QNHash64(place);
     for (size_t i = hash & (slots_.size() - 1);; i = (i + 1) & (slots_.size() - 1)) {
       Slot& slot = slots_[i];
@@ -73,18 +73,21 @@ QNStoredPlaces::QNStoredPlaces(std::string downloadPath, std::string manifestNam
     count += quality->resources().size();
   Table table(count);
   for (const auto& quality : qualities) {
-    for (const auto& info : quality->resources()) {
-      const auto place = placeOf(*info);
-      if (!place) continue;
-      const QNRangedURL* const resource = info->resource().get();
-      const QNRangedURL* const first = table.firstAt(*place, resource);
-      if (first == resource) continue;
-      if (isSameContent(*first, *resource)) {
-        hasShared_ = true;
-      } else {
-        contended_.insert(*place);
-      }
-    }
+    for (const auto& info : quality->resources())
+      add(*info->resource(), table);
+  }
+}
+
+void QNStoredPlaces::add(const QNRangedURL& resource, Table& table) {
+  std::string buffer;
+  const std::string_view place = placeOf(resource, buffer);
+  if (place.empty()) return;
+  const QNRangedURL* const first = table.firstAt(place, &resource);
+  if (first == &resource) return;
+  if (isSameContent(*first, resource)) {
+    hasShared_ = true;
+  } else {
+    contended_.insert(std::string(place));
   }
 }
 
@@ -92,10 +95,21 @@ void QNStoredPlaces::setProperties(std::shared_ptr<QNMutableMovieDownloadPropert
   properties_ = std::move(properties);
 }
 
+std::string_view QNStoredPlaces::placeOf(const QNRangedURL& resource, std::string& buffer) const {
+  const std::string& reference = resource.referenceURL();
+  if (QNIsOrdinaryPath(reference)) {
+    return QNRefusalOfPlace(reference, manifestName_) ? std::string_view() : reference;
+  }
+  const std::string path = QNRelativeResourcePath(reference);
+  if (QNRefusalOfPlace(path, manifestName_)) return {};
+  buffer = QNNormalisedPath(path);
+  return buffer;
+}
+
 std::optional<std::string> QNStoredPlaces::placeOf(const QNResourceDownloadInfo& resource) const {
-  const std::string path = resource.relativeResourcePath();
-  if (QNRefusalOfPlace(path, manifestName_)) return std::nullopt;
-  return QNNormalisedPath(path);
+  std::string buffer;
+  const std::string_view place = placeOf(*resource.resource(), buffer);
+  return place.empty() ? std::nullopt : std::optional<std::string>(place);
 }
 
 std::string QNStoredPlaces::pathOf(const std::string& place) const {

@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -52,6 +53,9 @@ class QNStoredPlaces {
  private:
   class Table;
 
+  // The place without a copy, in `buffer` where the reference does not say it; empty: none.
+  std::string_view placeOf(const QNRangedURL& resource, std::string& buffer) const;
+  void add(const QNRangedURL& resource, Table& table);
   bool isContended(const std::string& place) const {
     return !contended_.empty() && contended_.contains(place);
   }
