@@ -1,5 +1,8 @@
 // MPDs through the parser and the adaptation: the model they give and what their qualities list.
 
+#include <thread>
+#include <vector>
+
 #include <gtest/gtest.h>
 
 #include "platform/host/QNPlayerUtils.h"
@@ -272,6 +275,26 @@ TEST(DASH, KeepsAListForItsBaseURL) {
   EXPECT_EQ(list->at(0)->sharedBaseURL(), list->at(2)->sharedBaseURL());
   const auto none = builder->fillResourcesWithBaseURL(std::nullopt);
   EXPECT_EQ(none->at(1)->baseURL(), std::nullopt);
+}
+
+TEST(DASH, ListsFromSeveralThreadsAreOneList) {
+  const auto playlist = parse(oneQuality(
+      "<SegmentTemplate duration='10' timescale='1000' initialization='i' media='$Number$'/>"));
+  const auto builder = firstQuality(playlist)->resourceBuilder();
+  std::vector<QNResourceListPtr> lists(4);
+  {
+    std::vector<std::jthread> threads;
+    for (auto& list : lists) {
+      threads.emplace_back([&list, &builder, &playlist] {
+        list = builder->fillResourcesWithBaseURL("http://a/");
+        playlist->setUrl("http://a/");
+        EXPECT_EQ(playlist->url(), "http://a/");
+      });
+    }
+  }
+  for (const auto& list : lists)
+    EXPECT_EQ(list, lists[0]);
+  EXPECT_EQ(lists[0]->size(), 1001u);
 }
 
 TEST(DASH, ResourcesOutliveTheirListAndPlaylist) {
