@@ -152,8 +152,9 @@ class QN_EXPORT URLSessionDataTask {
 };
 
 // A background transfer session, or the shared session. Thread-safe. The last reference may be
-// dropped anywhere, also inside a callback: transfers of a background session then stop and stay in
-// the store for the next launch; no callback comes after that.
+// dropped anywhere, also inside a callback; no callback comes after that. Transfers of a background
+// session in this process then stop, those in the service go on; either way their tasks stay in the
+// store for the next launch.
 class QN_EXPORT URLSession : public std::enable_shared_from_this<URLSession> {
  public:
   using Tasks = std::vector<std::shared_ptr<URLSessionDownloadTask>>;

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <utility>
 
+#include <poll.h>
 #include <sys/socket.h>
 
 #include "platform/Exception.h"
@@ -22,6 +23,7 @@ namespace {
 constexpr const char* kSessionException = "NSURLSessionException";
 constexpr uint32_t kReserved = 512;
 constexpr int kAnswerTimeoutMs = 10'000;
+constexpr int kOpenTimeoutMs = 30'000;
 constexpr int kGoodbyeTimeoutMs = 2'000;
 constexpr auto kHeldTimeout = std::chrono::seconds(3);
 constexpr auto kHeldPause = std::chrono::milliseconds(50);
@@ -53,7 +55,9 @@ std::optional<Message> receiveMessage(int fd) {
   FrameReader frames;
   for (;;) {
     if (auto body = frames.next()) return decodeMessage(*body);
-    if (frames.failed() || !frames.fill(fd, frames.missing())) return std::nullopt;
+    pollfd waiting{fd, POLLIN, 0};
+    const bool ready = ::poll(&waiting, 1, kOpenTimeoutMs) > 0;
+    if (!ready || frames.failed() || !frames.fill(fd, frames.missing())) return std::nullopt;
   }
 }
 

@@ -34,18 +34,25 @@ std::optional<Message> ServiceConnection::takeMessage() {
   return message;
 }
 
-bool ServiceConnection::flush() {
+void ServiceConnection::flush() {
   for (;;) {
+    if (deaf_) {
+      answers_.clear();
+      events_.clear();
+    }
     if (sending_.empty()) {
       sending_.swap(answers_.empty() ? events_ : answers_);
       sent_ = 0;
-      if (sending_.empty()) return true;
+      if (sending_.empty()) return;
     }
     const ssize_t sent =
         ::send(fd_.get(), sending_.data() + sent_, sending_.size() - sent_, MSG_NOSIGNAL);
     if (sent < 0) {
       if (errno == EINTR) continue;
-      return errno == EAGAIN || errno == EWOULDBLOCK;
+      if (errno == EAGAIN || errno == EWOULDBLOCK) return;
+      deaf_ = true;
+      sending_.clear();
+      continue;
     }
     sent_ += static_cast<size_t>(sent);
     if (sent_ == sending_.size()) sending_.clear();

@@ -34,11 +34,12 @@ class ServiceConnection {
 
   void answer(const std::string& bytes) { answers_ += bytes; }
   void answer(const Message& message) { answers_ += encodeFrame(message); }
-  bool hasRoomForEvents() const { return events_.size() < kEventsAhead; }
+  bool hasRoomForEvents() const { return !deaf_ && events_.size() < kEventsAhead; }
   void tell(const Message& message) { events_ += encodeFrame(message); }
 
-  // Sends what the socket takes. False when the connection is broken.
-  [[nodiscard]] bool flush();
+  // Sends what the socket takes. To a client that is gone nothing; what it said before it went is
+  // still in the socket and counts, so that only the reader finds the end.
+  void flush();
   bool hasOutput() const { return !sending_.empty() || !answers_.empty() || !events_.empty(); }
 
   std::string sessionKey;  // empty until a session was opened
@@ -54,6 +55,7 @@ class ServiceConnection {
   std::string helloBytes_;
   bool greeted_ = false;
   bool failed_ = false;
+  bool deaf_ = false;
   FrameReader frames_;
   std::string sending_;  // one run of whole frames, of which `sent_` bytes are gone
   size_t sent_ = 0;

@@ -324,18 +324,16 @@ void ServiceServer::deliverEvents() {
 
 void ServiceServer::flush(ServiceConnection& connection) {
   Slot* slot = slotOf(connection);
-  bool intact = true;
   for (;;) {
     if (slot && connection.started && connection.hasRoomForEvents()) {
       EventsMessage events{slot->session->take(kEventsPerMessage)};
       if (!events.events.empty()) connection.tell(events);
     }
-    intact = connection.flush();
-    const bool moreEvents =
-        slot && connection.started && !connection.hasOutput() && slot->session->collect();
-    if (!intact || !moreEvents) break;
+    connection.flush();
+    const bool moreEvents = slot && connection.started && connection.hasRoomForEvents() &&
+                            !connection.hasOutput() && slot->session->collect();
+    if (!moreEvents) break;
   }
-  if (!intact) return drop(connection.fd());
   if (connection.watchesOutput == connection.hasOutput()) return;
   connection.watchesOutput = connection.hasOutput();
   watch(connection.fd(), connection.watchesOutput ? EPOLLIN | EPOLLOUT : EPOLLIN, false);

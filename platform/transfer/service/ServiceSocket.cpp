@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -103,6 +104,13 @@ FileDescriptor connectTo(const std::string& socketPath, int* error) {
 FileDescriptor listenAt(const std::string& socketPath, int* error) {
   const Address address(socketPath);
   if ((*error = address.error()) != 0) return {};
+  // Of two that find nobody listening only one may take the place.
+  const FileDescriptor lock(
+      ::open((socketPath + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+  if (!lock || ::flock(lock.get(), LOCK_EX) != 0) {
+    *error = errno;
+    return {};
+  }
   if (FileDescriptor other = connectTo(socketPath, error); other) {
     *error = EADDRINUSE;
     return {};
