@@ -127,7 +127,11 @@ std::shared_ptr<QNMovieDownloader> Place::openDownloader(bool useService) const 
   try {
     return QNMovieDownloader::initWithIdentifier(sessionIdentifier, true, false, root, configure);
   } catch (const platform::Exception& exception) {
-    throw Failure(ExitHeld, exception.reason());
+    const auto holder = exception.userInfo().find(platform::QNURLSessionHolderKey);
+    if (holder == exception.userInfo().end()) throw Failure(ExitCannotWrite, exception.reason());
+    const auto* who = std::any_cast<std::string>(&holder->second);
+    throw Failure(ExitHeld, "This download is in the hands of " + (who ? *who : "another process") +
+                                " already");
   }
 }
 

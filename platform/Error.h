@@ -33,6 +33,10 @@ QN_EXPORT extern const char* const
 // The HTTP status (int64_t) that ended a transfer although partial data can be continued from.
 QN_EXPORT extern const char* const QNURLErrorHTTPStatusKey;  // "QNURLErrorHTTPStatus"
 
+// In the user info of the exception that a session throws which another process holds: who (string,
+// for a person).
+inline constexpr const char* QNURLSessionHolderKey = "QNURLSessionHolder";
+
 // Codes of NSURLErrorDomain.
 enum URLErrorCode : int64_t {
   URLErrorUnknown = -1,

@@ -164,8 +164,8 @@ class QN_EXPORT URLSession : public std::enable_shared_from_this<URLSession> {
                                             const ErrorPtr& error)>;
 
   // A session over the installed implementation. Throws platform::Exception "NSURLSessionException"
-  // when another process holds the identifier (the reason names it) or its store was written by a
-  // newer version.
+  // when another process holds the identifier (the reason names it, QNURLSessionHolderKey in the
+  // user info says who), its store was written by a newer version, or it cannot be opened.
   static std::shared_ptr<URLSession> sessionWithConfiguration(
       const URLSessionConfiguration& configuration, std::weak_ptr<URLSessionDelegate> delegate);
   // The process-wide session for one-shot fetches; it has no store and no download tasks.

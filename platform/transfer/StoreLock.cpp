@@ -98,7 +98,10 @@ StoreLock::StoreLock(const std::string& directory, const std::string& identifier
     if (errno == EINTR) continue;
     if (errno != EWOULDBLOCK) refuse("The lock " + path + " failed: " + std::strerror(errno));
     if (Clock::now() >= deadline) {
-      refuse("The session \"" + identifier + "\" is held by " + holderOf(fd.get()));
+      const std::string holder = holderOf(fd.get());
+      throw Exception("NSURLSessionException",
+                      "The session \"" + identifier + "\" is held by " + holder,
+                      {{QNURLSessionHolderKey, holder}});
     }
     std::this_thread::sleep_for(kPause);
   }
