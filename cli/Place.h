@@ -39,8 +39,9 @@ struct Place {
   std::string storedURL() const;
 
   // Opens the session and finds the tasks of earlier launches. Throws Failure: ExitHeld when
-  // another process holds it, ExitCannotWrite when its store cannot be used. In the transfer service when that is asked for or was once: then the
-  // service starts this program again when it dies.
+  // another process holds it, ExitCannotWrite when its store cannot be used. In the transfer
+  // service when that is asked for or was once: then the service starts this program again when it
+  // dies.
   std::shared_ptr<QNMovieDownloader> openDownloader(bool useService = false) const;
   bool usesService() const;
   // The directory of the session's partial files.

@@ -67,8 +67,13 @@ ServiceBackend::ServiceBackend(const URLSessionConfiguration& configuration)
     : configuration_(completed(configuration)) {
   std::vector<TransferTaskInfo> tasks;
   std::string refusal;
-  FileDescriptor fd = connectAndOpen(false, tasks, refusal);
-  if (!fd) throw Exception(kSessionException, refusal);
+  bool held = false;
+  FileDescriptor fd = connectAndOpen(false, tasks, refusal, held);
+  if (!fd) {
+    Dictionary info;
+    if (held) info[QNURLSessionHolderKey] = std::string("another process");
+    throw Exception(kSessionException, refusal, std::move(info));
+  }
   MutexLock sendLock(sendMutex_);
   MutexLock lock(mutex_);
   for (const auto& task : tasks)
@@ -85,11 +90,11 @@ ServiceBackend::~ServiceBackend() {
 }
 
 FileDescriptor ServiceBackend::connectAndOpen(bool again, std::vector<TransferTaskInfo>& tasks,
-                                              std::string& refusal) {
+                                              std::string& refusal, bool& held) {
   // Another holder may be about to go.
   const auto deadline = std::chrono::steady_clock::now() + kHeldTimeout;
   for (;;) {
-    bool held = false;
+    held = false;
     FileDescriptor fd = connectAndOpenOnce(again, tasks, refusal, held);
     if (fd || !held || std::chrono::steady_clock::now() >= deadline) return fd;
     std::this_thread::sleep_for(kHeldPause);
@@ -296,7 +301,8 @@ bool ServiceBackend::reconnect() {
     }
     std::vector<TransferTaskInfo> tasks;
     std::string refusal;
-    if (FileDescriptor fd = connectAndOpen(true, tasks, refusal)) {
+    bool held = false;
+    if (FileDescriptor fd = connectAndOpen(true, tasks, refusal, held)) {
       resume(std::move(fd), tasks);
       return true;
     }

@@ -45,7 +45,7 @@ class ServiceBackend final : public TransferBackend {
   };
 
   FileDescriptor connectAndOpen(bool again, std::vector<TransferTaskInfo>& tasks,
-                                std::string& refusal);
+                                std::string& refusal, bool& held);
   FileDescriptor connectAndOpenOnce(bool again, std::vector<TransferTaskInfo>& tasks,
                                     std::string& refusal, bool& held);
   void readUntilClosed();

@@ -269,6 +269,9 @@ void ServiceServer::open(ServiceConnection& connection, const OpenMessage& messa
     connection.sessionKey = key;
     answer.tasks = slot.session->tasks();
     save(slot);
+  } catch (const Exception& failure) {
+    answer.refusal = failure.reason();
+    answer.held = failure.userInfo().count(QNURLSessionHolderKey) != 0;
   } catch (const std::exception& failure) {
     answer.refusal = failure.what();
   }
