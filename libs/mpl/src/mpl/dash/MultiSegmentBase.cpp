@@ -16,7 +16,8 @@ constexpr int64_t kMicroseconds = 1000000;
 
 SharedTimeline orEmpty(SharedTimeline timeline) {
   static const SharedTimeline empty = std::make_shared<const SegmentTimeline>();
-  return timeline ? std::move(timeline) : empty;
+  if (!timeline) return empty;
+  return timeline;
 }
 
 }  // namespace

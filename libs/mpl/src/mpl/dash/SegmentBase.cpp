@@ -10,7 +10,8 @@ namespace {
 
 SharedURI orEmpty(SharedURI uri) {
   static const SharedURI empty = std::make_shared<const RangedURI>();
-  return uri ? std::move(uri) : empty;
+  if (!uri) return empty;
+  return uri;
 }
 
 }  // namespace

@@ -82,7 +82,7 @@ class FragmentURL {
 }  // namespace
 
 std::shared_ptr<StreamElement> StreamElement::create(const qnc::xml::Element& element) {
-  const std::shared_ptr<StreamElement> stream(new StreamElement(element));
+  std::shared_ptr<StreamElement> stream(new StreamElement(element));
   stream->readChildren(element, stream);
   return stream;
 }
