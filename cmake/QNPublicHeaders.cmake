@@ -34,13 +34,16 @@ set(QN_PUBLIC_HEADERS
   platform/host/QuillonStreamDownloaderInterface.h
   playlist/QNAudioQuality.h
   playlist/QNCodecPrivateQuality.h
+  playlist/QNInexactRanges.h
   playlist/QNMediaType.h
   playlist/QNMovie.h
   playlist/QNPlaylist.h
   playlist/QNPlaylistFactory.h
   playlist/QNQuality.h
   playlist/QNRangedURL.h
+  playlist/QNResourceBudget.h
   playlist/QNResourceListBuilder.h
   playlist/QNTextQuality.h
   playlist/QNTrack.h
+  playlist/QNUtils.h
   playlist/QNVideoQuality.h)
