@@ -18,13 +18,7 @@ void DownloaderWorld::kill() {
 }
 
 std::string DownloaderWorld::directory() const {
-  // As of the first launch, when no downloader is there to ask.
-  static const std::string identifier = [] {
-    TempDirectory elsewhere;
-    ScriptedSessions sessions;
-    return QNMovieDownloader::initWithIdentifier("id", false, false, elsewhere.path())
-        ->downloadIdWithURL(url);
-  }();
+  static const std::string identifier = QNMovieDownloader::downloadIdWithURL(url, std::string());
   return root.path("downloads/" + identifier);
 }
 
