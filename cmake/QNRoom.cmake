@@ -11,10 +11,6 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_L
   # "text" + std::string(...) is reported as overlapping when it is optimised (GCC bug 105651).
   target_compile_options(qn_options INTERFACE -Wno-restrict)
 endif()
-# GCC 12 sees overlaps in std::string's operator+ that cannot be (GCC bug 105651).
-if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
-  target_compile_options(qn_options INTERFACE -Wno-restrict)
-endif()
 if(QN_SANITIZE)
   target_compile_options(qn_options INTERFACE
     -fsanitize=${QN_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -g)
