@@ -1,6 +1,7 @@
 #include "platform/transfer/TransferLedger.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <utility>
 
 #include <sys/random.h>
@@ -15,6 +16,13 @@ namespace {
 // Task identifiers are claimed in the store in blocks, so that making a task needs no transaction
 // of its own and a kill can only waste numbers.
 constexpr uint64_t kIdentifierBlock = 1024;
+
+// The store looks again for room on a full disk.
+constexpr int64_t kFullRetryMs = 1'000;
+
+bool isDiskFull(const Error& error) {
+  return error.domain() == NSPOSIXErrorDomain && (error.code() == ENOSPC || error.code() == EDQUOT);
+}
 
 // Not to be guessed, so that nobody's resume data fits by chance.
 std::string makeResumeToken() {
@@ -292,6 +300,7 @@ void TransferLedger::commit(std::vector<TransferEvent>& events) {
   const auto error = store_->apply(changes);
   MutexLock lock(mutex_);
   if (error) return _putBack(entries, error, events);
+  toldFull_ = false;
   for (const auto& entry : entries)
     entry->stored = true;
 }
@@ -320,21 +329,26 @@ std::vector<TransferChange> TransferLedger::_collect(std::vector<EntryPtr>& entr
   return changes;
 }
 
-// Nothing was written. What is stored can wait; a task that is not stored would be lost with this
-// process, and fails.
+// Nothing was written. What is stored can wait. A task that is not stored would be lost with this
+// process, and fails; but a full disk is waited for, with the transfer itself, which fails after
+// its bound.
 void TransferLedger::_putBack(const std::vector<EntryPtr>& entries, const ErrorPtr& error,
                               std::vector<TransferEvent>& events) {
-  logError("Session store: " + error->localizedDescription());
+  const bool full = isDiskFull(*error);
+  if (!full || !std::exchange(toldFull_, true)) {
+    logError("Session store: " + error->localizedDescription());
+  }
   for (const auto& entry : entries) {
     auto& record = entry->record;
     entry->ownChanged = true;
     entry->factsChanged = true;
     _markChanged(entry);
-    if (entry->stored || entry->gone || record.stage != TransferStage::None) continue;
+    if (full || entry->stored || entry->gone || record.stage != TransferStage::None) continue;
     record.stage = TransferStage::Failed;
     record.error = error;
     events.push_back(_endEvent(record));
   }
+  if (full) changedSinceMs_ = now_() + kFullRetryMs;
 }
 
 std::optional<TransferRecord> TransferLedger::unfinishedTask(TransferTaskId id) const {

@@ -95,6 +95,7 @@ class TransferLedger {
   std::vector<EntryPtr> changed_ GUARDED_BY(mutex_);
   std::vector<PartialName> doomed_ GUARDED_BY(mutex_);  // to be removed outside the lock
   int64_t changedSinceMs_ GUARDED_BY(mutex_);
+  bool toldFull_ GUARDED_BY(mutex_) = false;  // the disk, since the last transaction
   std::function<int64_t()> now_ GUARDED_BY(mutex_);
   TransferTaskId nextIdentifier_ GUARDED_BY(mutex_) = 0;
   TransferTaskId reservedEnd_ GUARDED_BY(mutex_) = 0;
