@@ -274,17 +274,24 @@ void ServiceBackend::takeEvents(std::vector<TransferEvent>&& events) {
     MutexLock lock(mutex_);
     sink = sink_;
     std::erase_if(events, [this](TransferEvent& event) REQUIRES(mutex_) {
-      // A task that was acknowledged while the service was away, or an ending that was told before
-      // it.
-      if (!known_.contains(event.task) || toldEndings_.contains(event.task)) return true;
+      if (_isOld(event)) return true;
       if (event.kind == TransferEvent::Kind::Finished || event.kind == TransferEvent::Kind::Failed)
-        toldEndings_.insert(event.task);
+        toldEndings_[event.task] = event.kind;
       // A new service counts responses from the start.
       event.responseNumber += connections_ << 40;
       return false;
     });
   }
   if (sink && !events.empty()) sink(std::move(events));
+}
+
+// Of a task that was acknowledged while the service was away, or an ending that was told before it.
+// What had finished can still fail: when the application cancels it before it knows.
+bool ServiceBackend::_isOld(const TransferEvent& event) const {
+  if (!known_.contains(event.task)) return true;
+  const auto told = toldEndings_.find(event.task);
+  if (told == toldEndings_.end()) return false;
+  return told->second == TransferEvent::Kind::Failed || event.kind != TransferEvent::Kind::Failed;
 }
 
 bool ServiceBackend::reconnect() {
@@ -353,7 +360,7 @@ std::vector<TransferEvent> ServiceBackend::_lostTasks(const std::vector<Transfer
     lost.push_back(std::move(event));
   }
   for (const auto& event : lost)
-    toldEndings_.insert(event.task);
+    toldEndings_[event.task] = event.kind;
   return lost;
 }
 

@@ -6,6 +6,7 @@
 #include <map>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -84,8 +85,9 @@ class ServiceBackend final : public TransferBackend {
   std::map<uint64_t, Message> answers_ GUARDED_BY(mutex_);
   uint64_t lastDone_ GUARDED_BY(mutex_) = 0;
   std::unordered_set<TransferTaskId> known_ GUARDED_BY(mutex_);  // made or listed, not acknowledged
-  std::unordered_set<TransferTaskId> toldEndings_
+  std::unordered_map<TransferTaskId, TransferEvent::Kind> toldEndings_
       GUARDED_BY(mutex_);  // of those, handed to the sink
+  bool _isOld(const TransferEvent& event) const REQUIRES(mutex_);
   uint64_t connections_ GUARDED_BY(mutex_) = 0;
   TransferTaskId nextReserved_ GUARDED_BY(mutex_) = 0;
   TransferTaskId reservedEnd_ GUARDED_BY(mutex_) = 0;

@@ -326,6 +326,7 @@ void writeEvent(WireWriter& out, const TransferEvent& event) {
   out.text(event.path);
   writeError(out, event.error);
   out.text(event.resumeToken);
+  out.boolean(event.held);
 }
 
 TransferEvent readEvent(WireReader& in) {
@@ -344,6 +345,7 @@ TransferEvent readEvent(WireReader& in) {
   event.path = in.text();
   event.error = readError(in);
   event.resumeToken = in.text();
+  event.held = in.boolean();
   return event;
 }
 

@@ -26,10 +26,11 @@ constexpr size_t kEventsPerMessage = 256;
 constexpr size_t kTasksPerMessage = 1'024;
 
 // Directories and the CA come from the client, which filled everything in.
-std::unique_ptr<TransferBackend> makeBackend(const URLSessionConfiguration& configuration) {
+std::unique_ptr<TransferBackend> makeBackend(const URLSessionConfiguration& configuration,
+                                             bool fresh) {
   return std::make_unique<TransferEngine>(TransferLocation::fromConfiguration(configuration),
                                           TransferOptions::fromConfiguration(configuration),
-                                          configuration.ephemeral);
+                                          configuration.ephemeral && fresh);
 }
 
 }  // namespace
@@ -228,12 +229,14 @@ void ServiceServer::submit(ServiceConnection& connection, TransferBatch& calls) 
 }
 
 ServiceServer::Slot& ServiceServer::openSlot(const std::string& key,
-                                             const URLSessionConfiguration& configuration) {
+                                             const URLSessionConfiguration& configuration,
+                                             bool fresh) {
+  if (fresh && configuration.ephemeral) slots_.erase(key);
   const auto found = slots_.find(key);
   if (found != slots_.end()) return found->second;
   const int wakeup = wakeup_.get();
   auto session =
-      std::make_unique<ServiceSession>(configuration, makeBackend(configuration), [wakeup] {
+      std::make_unique<ServiceSession>(configuration, makeBackend(configuration, fresh), [wakeup] {
         const uint64_t one = 1;
         [[maybe_unused]] const ssize_t written = ::write(wakeup, &one, sizeof(one));
       });
@@ -254,11 +257,12 @@ void ServiceServer::open(ServiceConnection& connection, const OpenMessage& messa
     answer.held = true;
     return connection.answer(answer);
   }
+  const bool wasKnown = known != slots_.end();
   try {
-    Slot& slot = openSlot(key, message.configuration);
+    Slot& slot = openSlot(key, message.configuration, !message.again);
     slot.session->setConfiguration(message.configuration);
     for (const SessionRecord& record : registry_.load()) {
-      if (known != slots_.end() || SessionRegistry::keyOf(record.configuration) != key) continue;
+      if (wasKnown || SessionRegistry::keyOf(record.configuration) != key) continue;
       slot.session->setWantsToRun(record.wantsToRun);
       slot.launches = record.launches;
     }
@@ -348,7 +352,7 @@ void ServiceServer::recover() {
     const std::string key = SessionRegistry::keyOf(record.configuration);
     if (slots_.contains(key)) continue;
     try {
-      Slot& slot = openSlot(key, record.configuration);
+      Slot& slot = openSlot(key, record.configuration, false);
       slot.session->setWantsToRun(record.wantsToRun);
       slot.launches = record.launches;
       slot.saved = record;

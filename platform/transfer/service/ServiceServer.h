@@ -62,7 +62,8 @@ class ServiceServer {
   void goodbye(ServiceConnection& connection);
   void drop(int fd);
   Slot* slotOf(const ServiceConnection& connection);
-  Slot& openSlot(const std::string& key, const URLSessionConfiguration& configuration);
+  // Fresh: the application starts anew, and an ephemeral session with it.
+  Slot& openSlot(const std::string& key, const URLSessionConfiguration& configuration, bool fresh);
 
   void deliverEvents();
   void flush(ServiceConnection& connection);

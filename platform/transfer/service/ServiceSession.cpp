@@ -82,8 +82,10 @@ size_t ServiceSession::attach() {
   attached_ = true;
   start();
   collect();
-  for (const auto& [id, ending] : endings_)
+  for (auto& [id, ending] : endings_) {
+    ending.held = true;
     put(TransferEvent(ending));
+  }
   return endings_.size();
 }
 
