@@ -98,6 +98,7 @@ void describeResource(HeaderFields& fields, const FaultRequest& request,
   if (resource.acceptsRanges) setField(fields, "Accept-Ranges", "bytes");
   if (resource.etag) setField(fields, "ETag", entityTag(request.path, resource));
   if (resource.lastModified) setField(fields, "Last-Modified", lastModified(resource));
+  setField(fields, "Date", "Fri, 13 Nov 2020 10:00:00 GMT");
 }
 
 void answerText(FaultAnswer& answer, int status, std::string text) {

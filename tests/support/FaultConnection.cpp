@@ -17,6 +17,7 @@ namespace qntest {
 
 namespace {
 
+constexpr char kTLSHandshake = 0x16;  // content type, RFC 8446 section 5.1
 constexpr size_t kMaximumHead = size_t{64} << 10;
 // Small, so that what a killed client never read is little.
 constexpr int kSendBuffer = 64 << 10;
@@ -61,6 +62,10 @@ std::string FaultConnection::readHead() {
     const int64_t got = receive(buffer, sizeof buffer);
     if (got <= 0 || pending_.size() > kMaximumHead) return "";
     pending_.append(buffer, static_cast<size_t>(got));
+    if (pending_[0] == kTLSHandshake) {  // as servers answer who speaks TLS to a plain port
+      if (send("HTTP/1.1 400 Bad Request\r\nConnection: close\r\n\r\n")) shutDown();
+      return "";
+    }
   }
 }
 

@@ -218,6 +218,7 @@ struct FaultServer::Impl {
   std::shared_ptr<SSL_CTX> context;
   uint16_t port = 0;
   int wake = -1;
+  const Clock::time_point started = Clock::now();
 
   mutable std::mutex mutex;
   mutable std::condition_variable changed;
@@ -315,6 +316,7 @@ void FaultServer::Impl::startWorker(int fd) {  // the mutex is held
     {
       const std::lock_guard lock(mutex);
       workers[number].connection = nullptr;
+      changed.notify_all();
     }
     own.reset();
     const std::lock_guard lock(mutex);
@@ -334,6 +336,7 @@ void FaultServer::Impl::serveConnection(uint64_t number, FaultConnection& connec
       const std::lock_guard lock(mutex);
       if (stopping || refusing) return;
       request->ordinal = ordinals[request->path]++;
+      request->atSeconds = std::chrono::duration<double>(Clock::now() - started).count();
       log.push_back(request);
       maximumConcurrent = std::max(maximumConcurrent, ++concurrent);
       changed.notify_all();
@@ -401,6 +404,7 @@ bool FaultServer::Impl::hold(FaultConnection& connection, const std::string& pat
 bool FaultServer::Impl::answerRequest(FaultConnection& connection, const Logged& logged) {
   const Fault fault = faultFor(*logged);
   if (fault.delaySeconds > 0 && !pause(connection, fault.delaySeconds)) return false;
+  if (fault.raw) return connection.send(*fault.raw) && false;
   if (fault.resetBeforeHead) connection.reset();
   if (fault.resetBeforeHead || fault.closeBeforeHead) return false;
   Exchange exchange{connection, logged, resourceFor(logged->path), fault, {}};
@@ -573,6 +577,10 @@ uint64_t FaultServer::connectionCount() const {
   return impl_->connections;
 }
 
+double FaultServer::seconds() const {
+  return std::chrono::duration<double>(Clock::now() - impl_->started).count();
+}
+
 int FaultServer::maximumConcurrent() const {
   const std::lock_guard lock(impl_->mutex);
   return impl_->maximumConcurrent;
@@ -580,6 +588,13 @@ int FaultServer::maximumConcurrent() const {
 
 bool FaultServer::waitForRequests(const std::string& path, size_t count, double seconds) const {
   return impl_->waitFor(seconds, [&] { return impl_->count(path) >= count; });
+}
+
+bool FaultServer::waitForNoConnections(double seconds) const {
+  return impl_->waitFor(seconds, [&] {
+    return std::all_of(impl_->workers.begin(), impl_->workers.end(),
+                       [](const auto& worker) { return worker.second.connection == nullptr; });
+  });
 }
 
 bool FaultServer::waitForSent(const std::string& path, uint64_t bytes, double seconds) const {

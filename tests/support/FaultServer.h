@@ -21,7 +21,8 @@ struct FaultRequest {
   uint64_t ordinal = 0;     // among the requests of this path, from 0
   std::string method, path, query;
   HeaderFields headers;
-  int status = 0;  // 0: ended before a status line
+  double atSeconds = 0;  // since the server started
+  int status = 0;        // 0: ended before a status line
   uint64_t bodyStart =
       0;  // offset in the resource of the first body byte, for a 200 or 206 of its content
   uint64_t bodySent = 0;
@@ -49,6 +50,7 @@ struct Fault {
   std::optional<int> status;  // an error page (or redirect) with `body` in place of the content
   std::string body = "<h1>no</h1>";  // of the error page, may be empty
   HeaderFields headers;              // set or replaced; an empty value removes the field
+  std::optional<std::string> raw;    // these bytes in place of head and body, then end of stream
   bool closeBeforeHead = false;      // end of stream instead of an answer
   bool resetBeforeHead = false;
   int64_t resetAt = -1;       // RST when the client's kernel has this many bytes
@@ -127,10 +129,12 @@ class FaultServer {
   // again.
   uint64_t bytesSentAgain(const std::string& path) const;
   uint64_t connectionCount() const;
+  double seconds() const;         // since it started, the clock of FaultRequest::atSeconds
   int maximumConcurrent() const;  // requests that were being answered at one time
 
   // Waits for an event with a deadline; false when it did not come.
   bool waitForRequests(const std::string& path, size_t count, double seconds = 10) const;
+  bool waitForNoConnections(double seconds = 10) const;
   bool waitForSent(const std::string& path, uint64_t bytes, double seconds = 10) const;
 
  private:

@@ -341,6 +341,11 @@ size_t ScriptedSession::pendingEvents() const {
   return events_.size();
 }
 
+bool ScriptedSession::wasAskedForTasks() const {
+  Lock lock(store_->mutex_);
+  return asked_;
+}
+
 bool ScriptedSession::deliverEvent() {
   const auto self = shared_from_this();
   {
@@ -355,6 +360,9 @@ bool ScriptedSession::deliverEvent() {
     next = std::move(events_.front());
     events_.pop_front();
     deliverer_ = std::this_thread::get_id();
+    const auto task = tasks_.find(next.task);
+    if (next.last && task != tasks_.end())
+      task->second->record_.state = URLSessionTaskState::Completed;
   }
   if (const auto delegate = delegate_.lock()) next.event(delegate);
   Lock lock(store_->mutex_);

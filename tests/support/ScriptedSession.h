@@ -93,6 +93,7 @@ class ScriptedSession : public platform::URLSession {
   bool deliverEvent();
   size_t deliverEvents();
   size_t pendingEvents() const;
+  bool wasAskedForTasks() const;
   void tellEventsFinished();
 
   // Not completed yet, in the order of their identifiers.

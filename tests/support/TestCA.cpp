@@ -8,6 +8,7 @@
 #include <openssl/ec.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
+#include <openssl/rand.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
@@ -60,6 +61,16 @@ CertPtr makeCertificate(EVP_PKEY* key, const std::string& name, long serial, lon
   return cert;
 }
 
+// Two authorities of one name are one to a verifier that looks an issuer up.
+std::string randomName() {
+  unsigned char bytes[8];
+  check(RAND_bytes(bytes, sizeof bytes) == 1, "random");
+  std::string name;
+  for (const unsigned char byte : bytes)
+    name += std::to_string(byte);
+  return name;
+}
+
 std::string subjectAltNames(const std::vector<std::string>& names) {
   std::string text;
   for (const std::string& name : names) {
@@ -79,7 +90,7 @@ struct TestCA::Impl {
 
 TestCA::TestCA() : impl_(std::make_unique<Impl>()) {
   check(impl_->key != nullptr, "key");
-  impl_->cert = makeCertificate(impl_->key.get(), "Test authority", 1, -2, 30);
+  impl_->cert = makeCertificate(impl_->key.get(), "Test authority " + randomName(), 1, -2, 30);
   X509* cert = impl_->cert.get();
   X509_set_issuer_name(cert, X509_get_subject_name(cert));
   addExtension(cert, cert, NID_basic_constraints, "critical,CA:TRUE");
