@@ -34,7 +34,7 @@ winsize terminalSize() {
 }  // namespace
 
 Console& Console::shared() {
-  static Console console;
+  static auto& console = *new Console;  // kept for threads that outlive main
   return console;
 }
 

@@ -67,6 +67,10 @@ int runFloor(const ClientOptions& options) {
     }
     if (running > 0) curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
   }
+  for (auto& slot : slots)
+    curl_easy_cleanup(slot.easy);
+  curl_multi_cleanup(multi);
+  curl_global_cleanup();
   if (failed > 0) std::fprintf(stderr, "floor: %ld failed\n", failed);
   return failed > 0 ? 1 : 0;
 }

@@ -284,12 +284,13 @@ TransferTaskId TransferStore::reserveIdentifiers(uint64_t count) {
 }
 
 std::string TransferStore::currentBootId() {
-  static const std::string id = [] {
+  // Kept for threads that outlive main.
+  static const auto& id = *new std::string([] {
     std::ifstream file("/proc/sys/kernel/random/boot_id");
     std::string text;
     std::getline(file, text);
     return text;
-  }();
+  }());
   return id;
 }
 

@@ -276,7 +276,8 @@ TEST_F(DownloadTest, HeadersGoWithEveryRequestAndAreRememberedPrivately) {
 TEST_F(DownloadTest, NewHeadersReplaceThoseOfTheTasksThatAreLeft) {
   const auto process = startAndHoldAt("/film/part-0-002.m4s", 100, {"--header", "X-Key: old"});
   process->signal(SIGINT);
-  EXPECT_EQ(process->wait().code, 130);
+  const Ended interrupted = process->wait();
+  EXPECT_EQ(interrupted.code, 130) << interrupted.err;
   server_.clearLog();
   server_.script("/film/part-0-002.m4s", {});
   EXPECT_EQ(program_.download(url(), {"--header", "X-Key: new"}).code, 0);

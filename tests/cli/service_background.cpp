@@ -163,7 +163,8 @@ TEST_F(BackgroundTest, OnlySaneRequestsOfThisUserReachAHolder) {
   beginAndHold();
   std::string path;
   for (const auto& entry : fs::directory_iterator(socketDirectory())) {
-    if (entry.path().filename().string().starts_with("qnmovie-")) path = entry.path();
+    const std::string name = entry.path().filename();
+    if (name.starts_with("qnmovie-") && name.ends_with(".sock")) path = entry.path();
   }
   struct stat info {};
   ASSERT_EQ(::stat(path.c_str(), &info), 0);

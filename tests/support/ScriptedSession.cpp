@@ -500,6 +500,7 @@ ScriptedSessions::ScriptedSessions(std::shared_ptr<KillSwitch> killSwitch) {
   platform::URLSession::setProvider([state = state_](const auto& configuration, auto delegate) {
     auto session =
         ScriptedSession::open(state->store(configuration.identifier), configuration, delegate);
+    std::lock_guard lock(state->mutex);
     state->last = session;
     return session;
   });
@@ -520,6 +521,7 @@ std::shared_ptr<ScriptedStore> ScriptedSessions::store(const std::string& identi
 }
 
 std::shared_ptr<ScriptedSession> ScriptedSessions::session() const {
+  std::lock_guard lock(state_->mutex);
   return state_->last.lock();
 }
 

@@ -194,6 +194,7 @@ class ScriptedSessions {
   struct State {
     std::shared_ptr<KillSwitch> killSwitch;
     std::map<std::string, std::shared_ptr<ScriptedStore>> stores;
+    std::mutex mutex;  // of `last`, which a harness asks for on a thread of its own
     std::weak_ptr<ScriptedSession> last;
 
     std::shared_ptr<ScriptedStore> store(const std::string& identifier);

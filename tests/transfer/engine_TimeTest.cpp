@@ -318,8 +318,10 @@ TEST_F(TimeTest, HoldsTheByteRate) {
         return std::all_of(tasks.begin(), tasks.end(), [&](const auto& t) { return ended(t); });
       },
       100);
-  EXPECT_GE(passed, 9'000);
-  EXPECT_LE(passed, 16'000);
+  // 600,000 bytes are 12 s; what the connections had taken in already when they were held back goes
+  // beside the clock of the test.
+  EXPECT_GE(passed, 5'000);
+  EXPECT_LE(passed, 20'000);
   for (const auto& task : tasks)
     expectWhole(task, 200000);
   EXPECT_EQ(3u, server_.requestCount());

@@ -35,7 +35,8 @@ struct Settings {
   }
 };
 const Settings& settings() {
-  static const Settings instance;
+  // Kept for threads that outlive main.
+  static const auto& instance = *new Settings;
   return instance;
 }
 
