@@ -174,7 +174,8 @@ TEST_P(SessionContract, FailsAsynchronouslyWhatCannotBeRequested) {
 }
 
 TEST_P(SessionContract, KeepsDescriptionsAcrossLaunches) {
-  const std::string strange("{\"a\":\"\xC3\xA4 '\";\"}\n\0x", 20);
+  using std::string_literals::operator""s;
+  const std::string strange = "{\"a\":\"\xC3\xA4 '\";\"}\n\0x"s;
   app.launch();
   const auto cleared = app.make("/a");
   cleared->setTaskDescription("gone");
