@@ -271,6 +271,7 @@ void ServiceServer::open(ServiceConnection& connection, const OpenMessage& messa
     slot.launchAtMs = -1;
     slot.connection = connection.fd();
     connection.sessionKey = key;
+    if (!message.again) slot.session->forgetProgress();
     answer.tasks = slot.session->tasks();
     save(slot);
   } catch (const Exception& failure) {

@@ -89,6 +89,12 @@ size_t ServiceSession::attach() {
   return endings_.size();
 }
 
+void ServiceSession::forgetProgress() {
+  collect();
+  order_.clear();
+  pending_.clear();
+}
+
 bool ServiceSession::collect() {
   std::vector<TransferEvent> events;
   {

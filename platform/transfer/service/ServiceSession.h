@@ -38,6 +38,8 @@ class ServiceSession {
 
   // An application listens: endings that it may not have seen wait again. Returns how many.
   size_t attach();
+  // Drops what was not sent of progress: an application that comes anew learns it with its tasks.
+  void forgetProgress();
   void detach() { attached_ = false; }
   bool attached() const { return attached_; }
 
