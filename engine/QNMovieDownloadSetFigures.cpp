@@ -3,6 +3,7 @@
 
 #include "engine/QNMovieDownloadSet.h"
 #include "engine/QNQualityDownloadInfo.h"
+#include "engine/QNSizeRollUp.h"
 #include "engine/QNStoredPlaces.h"
 #include "platform/Exception.h"
 #include "playlist/QNQuality.h"
@@ -44,28 +45,8 @@ void QNMovieDownloadSet::setUserObject(std::any object) {
 
 // The roll-up of a quality's expected size, as a quality rolls up its resources.
 bool QNMovieDownloadSet::_updateExpectedFrom(QNDownloadSize oldSize, QNDownloadSize newSize) {
-  if (QNDownloadSizeIsEqual(oldSize, newSize)) return false;
-  if (!QNDownloadSizeIsUnknown(oldSize)) {
-    sizedBytes_.value -= oldSize.value;
-    if (oldSize.estimated) {
-      assertThat(numEstimated_ > 0, "Underflow in estimated resources counter");
-      --numEstimated_;
-      sizedBytes_.estimated = numEstimated_ != 0;
-    }
-    assertThat(numSized_ > 0, "Underflow in sized resources counter");
-    --numSized_;
-  }
-  if (!QNDownloadSizeIsUnknown(newSize)) {
-    sizedBytes_.value += newSize.value;
-    assertThat(numSized_ < qualityInfoMap_.size(), "Overflow in sized resources counter");
-    ++numSized_;
-    if (newSize.estimated) {
-      assertThat(numEstimated_ < numSized_, "Overflow in estimated resources counter");
-      ++numEstimated_;
-      sizedBytes_.estimated = true;
-    }
-  }
-  return true;
+  return QNRollUpSize(sizedBytes_, numSized_, numEstimated_, qualityInfoMap_.size(), oldSize,
+                      newSize);
 }
 
 void QNMovieDownloadSet::_updateDownloadedFrom(int64_t oldBytes, int64_t newBytes) {

@@ -5,6 +5,7 @@
 
 #include "engine/QNResourceDownloadInfo.h"
 #include "engine/QNResourceId.h"
+#include "engine/QNSizeRollUp.h"
 #include "platform/Exception.h"
 #include "playlist/QNQuality.h"
 #include "playlist/QNTrack.h"
@@ -123,28 +124,7 @@ QNDownloadSize QNQualityDownloadInfo::_expectedBytes() const {
 }
 
 void QNQualityDownloadInfo::_updateExpectedFrom(QNDownloadSize oldSize, QNDownloadSize newSize) {
-  if (QNDownloadSizeIsEqual(oldSize, newSize)) return;
-  if (!QNDownloadSizeIsUnknown(oldSize)) {
-    sizedBytes_.value -= oldSize.value;
-    if (oldSize.estimated) {
-      assertThat(numEstimated_ > 0, "Underflow in estimated resources counter");
-      --numEstimated_;
-      sizedBytes_.estimated = numEstimated_ != 0;
-    }
-    assertThat(numSized_ > 0, "Underflow in sized resources counter");
-    --numSized_;
-  }
-  if (QNDownloadSizeIsUnknown(newSize)) return;
-  // The first size that becomes known replaces "unknown"; it is not added to it.
-  if (QNDownloadSizeIsUnknown(sizedBytes_)) sizedBytes_.value = 0;
-  sizedBytes_.value += newSize.value;
-  assertThat(numSized_ < resources_.size(), "Overflow in sized resources counter");
-  ++numSized_;
-  if (newSize.estimated) {
-    assertThat(numEstimated_ < numSized_, "Overflow in estimated resources counter");
-    ++numEstimated_;
-    sizedBytes_.estimated = true;
-  }
+  (void)QNRollUpSize(sizedBytes_, numSized_, numEstimated_, resources_.size(), oldSize, newSize);
 }
 
 void QNQualityDownloadInfo::_updateDownloadedFrom(int64_t oldBytes, int64_t newBytes) {

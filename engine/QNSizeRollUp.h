@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstddef>
+
+#include "engine/QNDownloadTypes.h"
+#include "platform/Exception.h"
+
+// Moves an owner's sum of known sizes, and the counts of known and estimated ones, from a child's
+// old size to its new one; a quality rolls up its resources so, and a set its qualities. `limit` is
+// how many children there are. Returns whether anything changed.
+inline bool QNRollUpSize(QNDownloadSize& sum, size_t& numSized, size_t& numEstimated, size_t limit,
+                         QNDownloadSize oldSize, QNDownloadSize newSize) {
+  using platform::assertThat;
+  if (QNDownloadSizeIsEqual(oldSize, newSize)) return false;
+  if (!QNDownloadSizeIsUnknown(oldSize)) {
+    sum.value -= oldSize.value;
+    if (oldSize.estimated) {
+      assertThat(numEstimated > 0, "Underflow in estimated resources counter");
+      --numEstimated;
+      sum.estimated = numEstimated != 0;
+    }
+    assertThat(numSized > 0, "Underflow in sized resources counter");
+    --numSized;
+  }
+  if (QNDownloadSizeIsUnknown(newSize)) return true;
+  // The first size that becomes known replaces "unknown"; it is not added to it.
+  if (QNDownloadSizeIsUnknown(sum)) sum.value = 0;
+  sum.value += newSize.value;
+  assertThat(numSized < limit, "Overflow in sized resources counter");
+  ++numSized;
+  if (newSize.estimated) {
+    assertThat(numEstimated < numSized, "Overflow in estimated resources counter");
+    ++numEstimated;
+    sum.estimated = true;
+  }
+  return true;
+}
