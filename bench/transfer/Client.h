@@ -13,7 +13,11 @@ struct ClientOptions {
   int qualities = 1;
   int segments = 1;
   long bytes = 0;
+  bool manifestFirst = false;  // the floor asks for a manifest before the files
 };
+
+// The path of a manifest of the files.
+std::string manifestPath(int qualities, int segments, long bytes);
 
 int runFloor(const ClientOptions& options);
 int runSession(const ClientOptions& options);

@@ -20,12 +20,37 @@ size_t writeBody(char* bytes, size_t size, size_t count, void* slot) {
   return static_cast<size_t>(::write(static_cast<Slot*>(slot)->fd, bytes, size * count));
 }
 
+size_t dropBody(char*, size_t size, size_t count, void*) {
+  return size * count;
+}
+
+// The connection stays with the multi handle.
+void fetchManifest(CURLM* multi, const ClientOptions& options) {
+  CURL* const easy = curl_easy_init();
+  const std::string url =
+      options.base + manifestPath(options.qualities, options.segments, options.bytes);
+  curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &dropBody);
+  if (!options.caFile.empty()) curl_easy_setopt(easy, CURLOPT_CAINFO, options.caFile.c_str());
+  curl_multi_add_handle(multi, easy);
+  int running = 1;
+  while (running > 0) {
+    curl_multi_perform(multi, &running);
+    if (running > 0) curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+  }
+  int left = 0;
+  curl_multi_info_read(multi, &left);
+  curl_multi_remove_handle(multi, easy);
+  curl_easy_cleanup(easy);
+}
+
 }  // namespace
 
 // The floor: a bare multi loop that keeps its connections and only writes files.
 int runFloor(const ClientOptions& options) {
   curl_global_init(CURL_GLOBAL_DEFAULT);
   CURLM* const multi = curl_multi_init();
+  if (options.manifestFirst) fetchManifest(multi, options);
   const size_t window = static_cast<size_t>(options.qualities) * 4;
   std::vector<Slot> slots(window);
   long next = 0;

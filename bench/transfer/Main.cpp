@@ -1,7 +1,7 @@
 // Compares whole processes that fetch the same files from the same local server: a bare
-// libcurl-multi loop (the floor), the transfer session under the calls that a download makes, and
-// the program itself when its path is given. Wall time, CPU time and peak memory, best of some
-// runs.
+// libcurl-multi loop (the floor; with "+mpd" it asks for the manifest first, as the program has
+// to), the transfer session under the calls that a download makes, and the program itself when its
+// path is given. Wall time, CPU time and peak memory, best of some runs.
 
 #include <chrono>
 #include <cstdio>
@@ -129,8 +129,7 @@ std::vector<std::string> commandOf(const std::string& mode, const Case& c, const
             "--all",
             "--root",
             out,
-            base + "/mpd/" + std::to_string(c.qualities) + "/" + std::to_string(c.segments) + "/" +
-                std::to_string(c.bytes)};
+            base + qnbench::manifestPath(c.qualities, c.segments, c.bytes)};
   }
   return {s.self,
           mode,
@@ -141,6 +140,12 @@ std::vector<std::string> commandOf(const std::string& mode, const Case& c, const
           std::to_string(c.segments),
           std::to_string(c.bytes),
           c.tls ? s.certificate : ""};
+}
+
+// What a program has no option for, it takes from its environment.
+void setEnvironment(const Case& c, const Settings& s) {
+  ::setenv("QN_STATE_DIR", (s.work + "/state").c_str(), 1);
+  ::setenv("QN_CA_FILE", c.tls ? s.certificate.c_str() : "", 1);
 }
 
 bool runCase(const Case& c, const Settings& s) {
@@ -155,7 +160,8 @@ bool runCase(const Case& c, const Settings& s) {
   }
   const std::string base =
       std::string(c.tls ? "https" : "http") + "://127.0.0.1:" + std::to_string(port);
-  std::vector<std::string> modes{"floor", "session"};
+  setEnvironment(c, s);
+  std::vector<std::string> modes{"floor", "floor+mpd", "session"};
   if (!s.program.empty()) modes.push_back("program");
   std::vector<Result> best(modes.size());
   for (int run = 0; run < s.runs; ++run) {
@@ -175,10 +181,12 @@ bool runCase(const Case& c, const Settings& s) {
   const double files = double(c.qualities) * c.segments;
   bool ok = true;
   for (size_t i = 0; i < modes.size(); ++i) {
-    std::printf("| %-20s | %-7s | %7.3f | %5.2f | %7.3f | %5.2f | %8.1f | %8.1f | %s\n", c.name,
-                modes[i].c_str(), best[i].wall, best[i].wall / best[0].wall, best[i].cpu,
-                best[i].cpu / best[0].cpu, double(best[i].peakKiB) / 1024,
-                (best[i].cpu - best[0].cpu) / files * 1e6, best[i].ok ? "" : "FAILED");
+    std::printf(
+        "| %-20s | %-9s | %7.3f | %5.2f | %5.2f | %7.3f | %5.2f | %5.2f | %8.1f | %8.1f | %s\n",
+        c.name, modes[i].c_str(), best[i].wall, best[i].wall / best[0].wall,
+        best[i].wall / best[1].wall, best[i].cpu, best[i].cpu / best[0].cpu,
+        best[i].cpu / best[1].cpu, double(best[i].peakKiB) / 1024,
+        (best[i].cpu - best[0].cpu) / files * 1e6, best[i].ok ? "" : "FAILED");
     std::fflush(stdout);
     ok = ok && best[i].ok;
   }
@@ -189,11 +197,12 @@ int runAll(const Settings& s, std::span<const Case> cases) {
   std::printf("%ld CPUs, best of %d runs, output on %s\n", ::sysconf(_SC_NPROCESSORS_ONLN), s.runs,
               s.work.c_str());
   std::printf(
-      "| case                 | what    |  wall s | ratio |   CPU s | ratio | peak MiB | us/file  "
-      "|\n");
+      "| case                 | what      |  wall s | ratio |  +mpd |   CPU s | ratio |  +mpd | "
+      "peak "
+      "MiB | us/file  |\n");
   std::printf(
-      "|----------------------|---------|---------|-------|---------|-------|----------|----------|"
-      "\n");
+      "|----------------------|-----------|--------:|------:|------:|--------:|------:|------:|"
+      "---------:|---------:|\n");
   bool ok = true;
   for (const auto& c : cases) {
     if (!s.only.empty() && std::string(c.name).find(s.only) == std::string::npos) continue;
@@ -216,13 +225,19 @@ int check(Settings s) {
 
 }  // namespace
 
+std::string qnbench::manifestPath(int qualities, int segments, long bytes) {
+  return "/mpd/" + std::to_string(qualities) + "/" + std::to_string(segments) + "/" +
+         std::to_string(bytes);
+}
+
 // bench_transfer [--program PATH] [--runs N] [--only TEXT] [--tls CERT KEY] WORKDIR
 int main(int argc, char** argv) {
   const std::vector<std::string> a(argv + 1, argv + argc);
-  if (a.size() == 8 && (a[0] == "floor" || a[0] == "session")) {
+  if (a.size() == 8 && (a[0].starts_with("floor") || a[0] == "session")) {
     ClientOptions options{a[1],           a[2], a[3], a[7], std::stoi(a[4]), std::stoi(a[5]),
                           std::stol(a[6])};
-    return a[0] == "floor" ? runFloor(options) : runSession(options);
+    options.manifestFirst = a[0] == "floor+mpd";
+    return a[0] == "session" ? runSession(options) : runFloor(options);
   }
   Settings settings;
   settings.self = fs::read_symlink("/proc/self/exe");
