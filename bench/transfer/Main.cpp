@@ -1,7 +1,9 @@
 // Compares whole processes that fetch the same files from the same local server: a bare
 // libcurl-multi loop (the floor; with "+mpd" it asks for the manifest first, as the program has
-// to), the transfer session under the calls that a download makes, and the program itself when its
-// path is given. Wall time, CPU time and peak memory, best of some runs.
+// to), the transfer session under the calls that a download makes, the same through the service,
+// and the program itself when its path is given. Wall time, CPU time and peak memory, best of some
+// runs. The service counts with its start; its CPU time is added to its client's, the memory is its
+// own.
 
 #include <chrono>
 #include <cstdio>
@@ -12,12 +14,14 @@
 #include <string>
 #include <vector>
 
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "bench/transfer/Client.h"
 #include "bench/transfer/Server.h"
+#include "bench/transfer/Service.h"
 
 namespace {
 
@@ -110,6 +114,16 @@ Result measure(const std::vector<std::string>& command) {
   return result;
 }
 
+Result measureMode(const std::string& mode, const std::vector<std::string>& command) {
+  Result result = measure(command);
+  if (mode != "service") return result;
+  const ServiceUse use = stopService();
+  result.cpu += use.cpu;
+  result.peakKiB = use.memory.peakKiB;
+  result.ok = result.ok && use.ok;
+  return result;
+}
+
 struct Settings {
   std::string self;
   std::string program;  // qnmovie, may be empty
@@ -117,6 +131,13 @@ struct Settings {
   std::string certificate, key;
   std::string only;
   int runs = 5;
+  long held = 0;  // tasks
+
+  // A service of this run's own, which becomes a child of this process.
+  void prepareService() const {
+    ::setenv("XDG_RUNTIME_DIR", (work + "/run").c_str(), 1);
+    ::prctl(PR_SET_CHILD_SUBREAPER, 1);
+  }
 };
 
 std::vector<std::string> commandOf(const std::string& mode, const Case& c, const Settings& s,
@@ -161,13 +182,13 @@ bool runCase(const Case& c, const Settings& s) {
   const std::string base =
       std::string(c.tls ? "https" : "http") + "://127.0.0.1:" + std::to_string(port);
   setEnvironment(c, s);
-  std::vector<std::string> modes{"floor", "floor+mpd", "session"};
+  std::vector<std::string> modes{"floor", "floor+mpd", "session", "service"};
   if (!s.program.empty()) modes.push_back("program");
   std::vector<Result> best(modes.size());
   for (int run = 0; run < s.runs; ++run) {
     for (size_t i = 0; i < modes.size(); ++i) {
       fs::create_directories(s.work + "/out");
-      const Result result = measure(commandOf(modes[i], c, s, base));
+      const Result result = measureMode(modes[i], commandOf(modes[i], c, s, base));
       best[i].wall = std::min(best[i].wall, result.wall);
       best[i].cpu = std::min(best[i].cpu, result.cpu);
       best[i].peakKiB = std::max(best[i].peakKiB, result.peakKiB);
@@ -187,13 +208,40 @@ bool runCase(const Case& c, const Settings& s) {
         best[i].wall / best[1].wall, best[i].cpu, best[i].cpu / best[0].cpu,
         best[i].cpu / best[1].cpu, double(best[i].peakKiB) / 1024,
         (best[i].cpu - best[0].cpu) / files * 1e6, best[i].ok ? "" : "FAILED");
+    if (modes[i] == "service")
+      std::printf("  service : session, wall %.2f\n", best[i].wall / best[i - 1].wall);
     std::fflush(stdout);
     ok = ok && best[i].ok;
   }
   return ok;
 }
 
+int runHeldCases(const Settings& s) {
+  s.prepareService();
+  ::setenv("QN_STATE_DIR", (s.work + "/state").c_str(), 1);
+  std::printf(
+      "| tasks held        | peak MiB | anonymous| allowed  | ratio |\n"
+      "|-------------------|----------|----------|----------|-------|\n");
+  const Child server = startServer({"server"});
+  bool ok = true;
+  for (const long count : {0L, s.held}) {
+    for (const char* state : {"suspended", "queued"}) {
+      if (count == 0 && state[0] == 'q') continue;
+      std::fflush(stdout);
+      ok = measure({s.self, "held", "http://127.0.0.1:" + std::to_string(server.port), s.work,
+                    std::to_string(count), state})
+               .ok &&
+           ok;
+      ok = stopService().ok && ok;
+      fs::remove_all(s.work + "/state");
+    }
+  }
+  stopServer(server);
+  return ok ? 0 : 1;
+}
+
 int runAll(const Settings& s, std::span<const Case> cases) {
+  s.prepareService();
   std::printf("%ld CPUs, best of %d runs, output on %s\n", ::sysconf(_SC_NPROCESSORS_ONLN), s.runs,
               s.work.c_str());
   std::printf(
@@ -218,7 +266,8 @@ int check(Settings s) {
   if (!::mkdtemp(work.data())) return 1;
   s.work = work;
   s.runs = 1;
-  const int result = runAll(s, kSmallest);
+  s.held = 10;
+  const int result = runAll(s, kSmallest) + runHeldCases(s);
   fs::remove_all(work);
   return result;
 }
@@ -230,14 +279,17 @@ std::string qnbench::manifestPath(int qualities, int segments, long bytes) {
          std::to_string(bytes);
 }
 
-// bench_transfer [--program PATH] [--runs N] [--only TEXT] [--tls CERT KEY] WORKDIR
+// bench_transfer [--program PATH] [--runs N] [--only TEXT] [--tls CERT KEY] [--held TASKS] WORKDIR
 int main(int argc, char** argv) {
   const std::vector<std::string> a(argv + 1, argv + argc);
-  if (a.size() == 8 && (a[0].starts_with("floor") || a[0] == "session")) {
+  if (a.size() == 5 && a[0] == "held")
+    return runHeld(a[1], a[2], std::stol(a[3]), a[4] == "queued");
+  if (a.size() == 8 && (a[0].starts_with("floor") || a[0] == "session" || a[0] == "service")) {
     ClientOptions options{a[1],           a[2], a[3], a[7], std::stoi(a[4]), std::stoi(a[5]),
                           std::stol(a[6])};
     options.manifestFirst = a[0] == "floor+mpd";
-    return a[0] == "session" ? runSession(options) : runFloor(options);
+    options.useService = a[0] == "service";
+    return a[0].starts_with("floor") ? runFloor(options) : runSession(options);
   }
   Settings settings;
   settings.self = fs::read_symlink("/proc/self/exe");
@@ -246,6 +298,8 @@ int main(int argc, char** argv) {
       settings.program = fs::absolute(a.at(++i));
     else if (a[i] == "--runs")
       settings.runs = std::stoi(a.at(++i));
+    else if (a[i] == "--held")
+      settings.held = std::stol(a.at(++i));
     else if (a[i] == "--only")
       settings.only = a.at(++i);
     else if (a[i] == "--tls")
@@ -258,8 +312,8 @@ int main(int argc, char** argv) {
   if (settings.work.empty()) {
     std::fprintf(stderr,
                  "usage: bench_transfer [--program PATH] [--runs N] [--only TEXT] [--tls CERT KEY] "
-                 "WORKDIR\n");
+                 "[--held TASKS] WORKDIR\n");
     return 2;
   }
-  return runAll(settings, kCases);
+  return settings.held > 0 ? runHeldCases(settings) : runAll(settings, kCases);
 }

@@ -79,6 +79,7 @@ int runSession(const ClientOptions& options) {
   configuration.stateDirectory = options.state;
   configuration.partialDirectory = options.directory;
   configuration.caFile = options.caFile;
+  configuration.useService = options.useService;
   const auto driver = std::make_shared<Driver>(options);
   const auto session = URLSession::sessionWithConfiguration(configuration, driver);
   // The first tasks are made inside the answer: nothing is delivered meanwhile.
