@@ -8,6 +8,7 @@
 #include <curl/curl.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <unistd.h>
 
 #include "platform/transfer/TransferClock.h"
 
@@ -81,6 +82,8 @@ CURL* CurlLoop::takeHandle() {
   CURL* const easy = curl_easy_init();
   if (!easy) throw std::bad_alloc();
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, &CurlLoop::closeSocket);
+  curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, this);
   curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
   curl_easy_setopt(easy, CURLOPT_PATH_AS_IS, 1L);
@@ -114,7 +117,9 @@ bool CurlLoop::add(CURL* easy) {
 }
 
 void CurlLoop::remove(CURL* easy) {
+  removing_ = true;
   curl_multi_remove_handle(multi_, easy);
+  removing_ = false;
 }
 
 void CurlLoop::run(int64_t timeoutMs) {
@@ -134,6 +139,10 @@ void CurlLoop::run(int64_t timeoutMs) {
       woken_.store(false);
       continue;
     }
+    if (!watched_.contains(fd)) {
+      forget(fd);
+      continue;
+    }
     int mask = 0;
     if (ready & EPOLLIN) mask |= CURL_CSELECT_IN;
     if (ready & EPOLLOUT) mask |= CURL_CSELECT_OUT;
@@ -148,24 +157,41 @@ void CurlLoop::run(int64_t timeoutMs) {
   collectDone();
 }
 
-int CurlLoop::socketChanged(CURL*, int fd, int what, void* selfPointer, void* known) {
+int CurlLoop::socketChanged(CURL*, int fd, int what, void* selfPointer, void*) {
   auto* const self = static_cast<CurlLoop*>(selfPointer);
-  epoll_event event{};
-  event.events = epollEvents(what);
-  event.data.fd = fd;
   if (what == CURL_POLL_REMOVE) {
-    epoll_ctl(self->epoll_.get(), EPOLL_CTL_DEL, fd, &event);
-    return 0;
+    self->unwatch(fd);
+  } else {
+    self->watch(fd, epollEvents(what));
   }
-  // Should the two disagree about what is registered (a number that was closed and used again), the
-  // other operation is right.
-  const int first = known ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
-  const int second = known ? EPOLL_CTL_ADD : EPOLL_CTL_MOD;
-  if (epoll_ctl(self->epoll_.get(), first, fd, &event) != 0) {
-    epoll_ctl(self->epoll_.get(), second, fd, &event);
-  }
-  if (!known) curl_multi_assign(self->multi_, fd, self);
   return 0;
+}
+
+int CurlLoop::closeSocket(void* selfPointer, int fd) {
+  static_cast<CurlLoop*>(selfPointer)->unwatch(fd);
+  return ::close(fd);
+}
+
+void CurlLoop::watch(int fd, uint32_t events) {
+  epoll_event event{};
+  event.events = events;
+  event.data.fd = fd;
+  const bool isNew = watched_.insert(fd).second;
+  if (isNew && epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) == 0) return;
+  epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, fd, &event);
+}
+
+// A socket of a transfer that is taken out may have been closed already, without closeSocket() when
+// it was still connecting, and its number may be another thread's by now: it is left alone, and
+// run() sorts it out should it still be there.
+void CurlLoop::unwatch(int fd) {
+  if (watched_.erase(fd) == 0 || removing_) return;
+  forget(fd);
+}
+
+void CurlLoop::forget(int fd) {
+  epoll_event ignored{};
+  epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, &ignored);
 }
 
 int CurlLoop::timerChanged(CURLM*, long timeoutMs, void* selfPointer) {

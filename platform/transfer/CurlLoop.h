@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "platform/FileDescriptor.h"
@@ -46,7 +47,11 @@ class CurlLoop {
   void run(int64_t timeoutMs);
 
  private:
-  static int socketChanged(CURL* easy, int fd, int what, void* self, void* known);
+  static int socketChanged(CURL* easy, int fd, int what, void* self, void*);
+  static int closeSocket(void* self, int fd);
+  void watch(int fd, uint32_t events);
+  void unwatch(int fd);
+  void forget(int fd);
   static int timerChanged(CURLM* multi, long timeoutMs, void* self);
   void collectDone();
   int64_t timeToTimer() const;
@@ -55,6 +60,8 @@ class CurlLoop {
   const Done done_;
   FileDescriptor epoll_;
   FileDescriptor wakeup_;
+  std::unordered_set<int> watched_;  // by epoll_, of libcurl's sockets
+  bool removing_ = false;
   std::atomic<bool> woken_{false};
   CURLM* multi_ = nullptr;
   std::vector<CURL*> idle_;

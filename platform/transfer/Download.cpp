@@ -177,6 +177,7 @@ void Download::presentWhole(const HttpHead& head) {
 
 bool Download::exchangeDidReceiveBody(const char* bytes, size_t count) {
   if (ended_) return false;
+  if (readsTold_) owner_.downloadDidRead(*this, static_cast<int64_t>(count));
   if (discarding_) {
     discarded_ += static_cast<int64_t>(count);
     return discarded_ <= kMaximumDiscarded || stop(end_);

@@ -30,6 +30,8 @@ class Download final : public HttpExchange::Observer {
     virtual void downloadDidConnect(Download& download) = 0;
     // Bytes came; once per round until takeTouched().
     virtual void downloadDidReceive(Download& download) = 0;
+    // Each piece of a body, when setReadsTold() was called; the download may be paused from inside.
+    virtual void downloadDidRead(Download& download, int64_t count) = 0;
     // The response is one that is retried (429, 502, 503, 504): true when it will be.
     virtual bool downloadShouldRetryStatus(Download& download, const HTTPHeaders& headers) = 0;
     // The last call. The download may not be destroyed before it returned.
@@ -44,6 +46,7 @@ class Download final : public HttpExchange::Observer {
   void start();
   // Ends the attempt as failed, with what is there kept.
   void fail(const HttpOutcome& outcome);
+  void setReadsTold() { readsTold_ = true; }
   void pause() { exchange_->pause(); }
   void unpause() { exchange_->unpause(); }
 
@@ -89,6 +92,7 @@ class Download final : public HttpExchange::Observer {
   RangeAsked asked_;
   int64_t base_ = 0;
   int responses_ = 0;
+  bool readsTold_ = false;
   bool discarding_ = false;  // the body is not content
   int64_t discarded_ = 0;
   bool touched_ = false;

@@ -241,7 +241,6 @@ void TransferScheduler::startDownload(Job& job) {
   job.responsesSeen = 0;
   job.contentStored = false;
   job.throttled = false;
-  job.counted = job.content.received;
   job.flushAsked = job.content.synced;
   job.flushAtMs = now();
   job.activeAtMs = now();
@@ -249,6 +248,7 @@ void TransferScheduler::startDownload(Job& job) {
   nextTimeoutMs_ = std::min(nextTimeoutMs_, now() + options_.connectTimeoutMs);
   job.download = std::make_unique<Download>(job.id, job.request, std::move(job.content),
                                             ledger_.files(), loop_, *this);
+  if (limiter_.limits()) job.download->setReadsTold();
   job.download->start();
 }
 
@@ -322,7 +322,6 @@ void TransferScheduler::takeTouched() {
     if (!job->reportDirty) unreported_.push_back(id);
     job->reportDirty = true;
     considerFlush(*job, kFlushBytes);
-    if (limiter_.limits()) throttle(*job);
   }
   touched_.clear();
 }
@@ -333,7 +332,6 @@ void TransferScheduler::noteResponse(Job& job) {
   job.responsesSeen = job.download->responses();
   ++job.responseNumber;
   job.responseAtMs = now();
-  job.counted = job.download->base();
   job.base = job.download->content().reportDue ? 0 : job.download->base();
 }
 
@@ -469,13 +467,14 @@ TransferContent& TransferScheduler::contentOf(Job& job) {
   return job.download ? job.download->content() : job.content;
 }
 
-void TransferScheduler::throttle(Job& job) {
-  const int64_t received = contentOf(job).received;
-  limiter_.take(received - std::exchange(job.counted, received), now());
-  if (limiter_.mayRead(now()) || job.state != State::Active) return;
-  job.throttled = true;
-  job.download->pause();
-  throttled_.push_back(job.id);
+// Piece by piece: a round may read all that the system has taken in meanwhile.
+void TransferScheduler::downloadDidRead(Download& download, int64_t count) {
+  limiter_.take(count, now());
+  Job* const job = find(download.task());
+  if (!job || job->throttled || job->state != State::Active || limiter_.mayRead(now())) return;
+  job->throttled = true;
+  download.pause();
+  throttled_.push_back(job->id);
   nextReleaseMs_ = std::min(nextReleaseMs_, limiter_.nextReadMs(now()));
 }
 

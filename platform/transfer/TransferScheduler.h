@@ -82,8 +82,7 @@ class TransferScheduler final : public Download::Owner {
     int64_t base = 0;
     bool contentStored = false;
     bool reportDirty = false;
-    int64_t counted = 0;     // bytes that the rate limit knows of
-    bool throttled = false;  // paused by it
+    bool throttled = false;  // paused by the rate limit
     int64_t flushAsked = 0;  // bytes that were sent to the disk
     int64_t flushAtMs = 0;   // when
     URLSessionTaskWait toldWait = URLSessionTaskWait::None;
@@ -91,6 +90,7 @@ class TransferScheduler final : public Download::Owner {
 
   void downloadDidConnect(Download& download) override;
   void downloadDidReceive(Download& download) override;
+  void downloadDidRead(Download& download, int64_t count) override;
   bool downloadShouldRetryStatus(Download& download, const HTTPHeaders& headers) override;
   void downloadDidEnd(Download& download) override;
 
@@ -108,7 +108,6 @@ class TransferScheduler final : public Download::Owner {
   void setTrying(Job& job, bool trying);
   void stopDownload(Job& job);
 
-  void throttle(Job& job);
   void releaseThrottled();
   void considerFlush(Job& job, int64_t bytes);
   void takeFlushed();

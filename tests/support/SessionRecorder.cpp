@@ -145,9 +145,9 @@ void SessionRecorder::URLSessionTaskDidCompleteWithError(const SessionPtr& sessi
                                                          const TaskPtr& task,
                                                          const platform::ErrorPtr& error) {
   const Call call(*this);
+  if (onComplete) onComplete(session, task, error);
   note(task->taskIdentifier(), 'c', statusOf(task->response()), "complete " + describeError(error),
        [&](Events& events) { events.completions.push_back(error); });
-  if (onComplete) onComplete(session, task, error);
 }
 
 void SessionRecorder::URLSessionDidFinishEventsForBackgroundURLSession(const SessionPtr&) {

@@ -60,8 +60,8 @@ class SessionRecorder final : public platform::URLSessionDelegate {
   bool waitUntil(const std::function<bool()>& condition,
                  double seconds = kEventDeadlineSeconds) const;
 
-  // What the application does inside a call, after it was written down. Set before the session
-  // starts.
+  // What the application does inside a call, after it was written down; in the last call before, so
+  // that whoever waited for the end finds all of it done. Set before the session starts.
   std::function<void(const SessionPtr&, const TaskPtr&, const Report&)> onWrite;
   std::function<void(const SessionPtr&, const TaskPtr&, const std::string& location)>
       onFinish;  // moves the file

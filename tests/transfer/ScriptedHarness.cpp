@@ -81,7 +81,9 @@ void ScriptedHarness::playQueue() {
   for (; !stop_; std::this_thread::sleep_for(kPause)) {
     for (bool more = true; more && !stop_;) {
       auto session = sessions_.session();
+      delivering_ = true;
       more = session && session->wasAskedForTasks() && session->deliverEvent();
+      delivering_ = false;
       const std::lock_guard lock(mutex_);
       session = nullptr;
     }
@@ -99,8 +101,8 @@ void ScriptedHarness::step(ScriptedSession& session, const Task& task) {
     begin(session, task, answer);
   } else if (answer.stopAt == UINT64_MAX) {
     // A page is whole only after the application has seen its first report, as with a network
-    // between them.
-    if (answer.status != 200 && session.pendingEvents() > 0) return;
+    // between them. Events are looked at first: one that is no longer there is being delivered.
+    if (answer.status != 200 && (session.pendingEvents() > 0 || delivering_)) return;
     const auto received = static_cast<size_t>(task->countOfBytesReceived());
     if (received < answer.body.size()) (void)session.deliver(task, answer.body.substr(received));
     (void)session.finish(task);

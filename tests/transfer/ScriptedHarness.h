@@ -54,6 +54,7 @@ class ScriptedHarness final : public ContractHarness {
   std::map<std::string, Answer> answers_;
   std::map<uint64_t, bool> answered_;  // tasks of this launch: sent up to the stop
   std::atomic<bool> stop_ = false;
+  std::atomic<bool> delivering_ = false;
   std::thread network_, queue_;
 };
 

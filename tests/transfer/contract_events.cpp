@@ -263,7 +263,9 @@ TEST_P(SessionContract, CallsNobodyAfterTheLastReferenceWentAway) {
   const auto task = app.start("/a");
   ASSERT_TRUE(app.recorder->waitForBytes(task->taskIdentifier(), kHalf));
   const auto seen = app.recorder;
+  const std::weak_ptr<platform::URLSession> dropped = app.session;
   app.close();
+  ASSERT_TRUE(seen->waitUntil([&] { return dropped.expired(); }));  // a call may be under way
   const std::string log = seen->log();
   harness->release("/a");
   app.launch();
