@@ -156,8 +156,10 @@ void MovieRun::_checkAsked(const std::map<std::string, Asked>& asked) {
     const auto partial = partials_.find(path);
     if (partial == partials_.end()) continue;
     EXPECT_GE(first.from, partial->second.safe) << "asked again for what was there: " << path;
-    if (first.from < partial->second.size)
-      figures_.partialDropped += partial->second.size - first.from;
+    if (first.from >= partial->second.size) continue;
+    figures_.partialDropped += partial->second.size - first.from;
+    figures_.wholeAgain += partial->second.whole ? 1 : 0;
+    figures_.oldestDroppedMs = std::max(figures_.oldestDroppedMs, partial->second.ageSeconds * 1e3);
   }
   for (const std::string& name : whole_)
     EXPECT_EQ(asked.count(plan_.pathOf(name)), 0U) << "fetched again though it was whole: " << name;
@@ -170,10 +172,12 @@ void MovieRun::_checkAsked(const std::map<std::string, Asked>& asked) {
 // store learns of a response a few milliseconds after its first bytes.
 void MovieRun::_takePartialFiles(const std::map<std::string, Asked>& asked, double killedAt) {
   std::map<std::string, std::string> paths;
+  std::map<std::string, uint64_t> sizes;
   for (int quality = 0; quality < plan_.qualities; ++quality) {
     for (int i = 0; i < plan_.segments; ++i) {
       const std::string path = plan_.pathOf(MoviePlan::nameOf(quality, i));
       paths[contentOf(path, 0, 0, kSignature)] = path;
+      sizes[path] = plan_.sizeOf(i);
     }
   }
   std::map<std::string, Partial> found;
@@ -189,12 +193,14 @@ void MovieRun::_takePartialFiles(const std::map<std::string, Asked>& asked, doub
     const auto request = asked.find(path->second);
     if (request == asked.end()) {
       partial.safe = before != partials_.end() ? before->second.safe : 0;
-    } else if (killedAt - request->second.atSeconds > kLongSeconds) {
+    } else if ((partial.ageSeconds = killedAt - request->second.atSeconds) > kLongSeconds) {
       partial.safe = partial.size;
     } else {
       partial.safe = request->second.from;
     }
     EXPECT_GE(partial.size, partial.safe) << "bytes are gone from " << file;
+    partial.whole = partial.size == sizes.at(path->second);
+    figures_.wholePartials += partial.whole ? 1 : 0;
     ++figures_.partials;
     if (partial.safe > 0) ++figures_.safePartials;
   }
@@ -246,9 +252,10 @@ std::string MovieRun::Figures::text() const {
   out << kills << " kills, " << movies << " movies, " << bytesSent << " bytes sent, " << sentAgain
       << " of them again (" << sentAgain / divisor << " a kill, with what no process ever read); "
       << partials << " partial files with " << partialBytes / divisor << " bytes a kill, of which "
-      << partialDropped / divisor << " were asked for again; " << safePartials
-      << " of them had to be kept; " << attached << " tasks attached, " << undescribed
-      << " killed before they were described";
+      << partialDropped / divisor << " were asked for again, none of a response older than "
+      << oldestDroppedMs << " ms; " << wholePartials << " were whole, of which " << wholeAgain
+      << " were asked for again; " << safePartials << " of them had to be kept; " << attached
+      << " tasks attached, " << undescribed << " killed before they were described";
   return out.str();
 }
 

@@ -55,6 +55,9 @@ class MovieRun {
     int safePartials = 0;       // of those, with bytes that had to be kept
     uint64_t partialBytes = 0;  // in them
     uint64_t partialDropped = 0;  // of those, asked for again
+    double oldestDroppedMs = 0;   // between the first byte of such a response and the kill
+    int wholePartials = 0;        // partial files of full size at the kills
+    int wholeAgain = 0;           // of those, asked for again
     int attached = 0;             // tasks found by launches
     int undescribed = 0;
     std::string text() const;
@@ -88,6 +91,8 @@ class MovieRun {
   struct Partial {
     uint64_t size = 0;
     uint64_t safe = 0;  // of these, bytes that may not be asked for again
+    bool whole = false;
+    double ageSeconds = 0;  // of its response
   };
   std::map<std::string, Partial> partials_;  // by path, at the launch
 };
