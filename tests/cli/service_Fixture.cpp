@@ -3,14 +3,10 @@
 #include <chrono>
 #include <thread>
 
-#include <poll.h>
-#include <signal.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include "platform/FileDescriptor.h"
 #include "platform/transfer/service/ServiceMessages.h"
 #include "platform/transfer/service/ServiceSocket.h"
+#include "tests/support/Processes.h"
 
 namespace qntest {
 
@@ -59,36 +55,40 @@ platform::JSON ServiceProgramTest::status() const {
   return downloads && !downloads->items().empty() ? downloads->items()[0] : platform::JSON();
 }
 
-std::string ServiceProgramTest::state() const {
-  const auto json = status();
-  const auto* state = json.find("state");
-  return state ? state->string().value_or("") : "";
-}
-
-pid_t ServiceProgramTest::holder() const {
+ServiceProgramTest::Now ServiceProgramTest::now() const {
   const Ended ended = run({"status", url_, "--json"});
-  if (ended.code != 0) return 0;
+  if (ended.code != 0) return {};
   const auto json = ended.json();
-  const auto* process = json.find("downloads")->items()[0].find("process");
-  return static_cast<pid_t>(process->integer().value_or(0));
+  const auto& download = json.find("downloads")->items().at(0);
+  const auto text = [&](const char* name) {
+    const auto* member = download.find(name);
+    return member ? member->string().value_or("") : "";
+  };
+  const auto* process = download.find("process");
+  return {text("state"), text("directory"),
+          process ? static_cast<pid_t>(process->integer().value_or(0)) : 0};
 }
 
 pid_t ServiceProgramTest::service() const {
   int error = 0;
   const auto fd = service::connectTo(socketDirectory() + "/transferd.sock", &error);
   const auto welcome =
-      fd ? service::greet(fd.get(), service::Hello::Kind::Hello, service::kProtocolVersion, 2'000)
+      fd ? service::greet(fd.get(), service::Hello::Kind::Hello, service::kProtocolVersion, 30'000)
          : std::nullopt;
   return welcome ? static_cast<pid_t>(welcome->process) : 0;
 }
 
-void ServiceProgramTest::killAndWait(pid_t process) {
-  if (process <= 0) return;
-  const platform::FileDescriptor fd(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
-  if (!fd) return;
-  ::syscall(SYS_pidfd_send_signal, fd.get(), SIGKILL, nullptr, 0);
-  pollfd waiting{fd.get(), POLLIN, 0};
-  ::poll(&waiting, 1, 10'000);
+void ServiceProgramTest::noteStored(const std::string& directory) {
+  const std::string path = url_.substr(server_.url("").size());
+  const std::string base = path.substr(0, path.rfind('/') + 1);
+  for (const auto& [name, content] : filesBelow(directory))
+    stored_.emplace(base + name, server_.requestCount(base + name));
+}
+
+void ServiceProgramTest::expectStoredWasKept() const {
+  EXPECT_FALSE(stored_.empty());
+  for (const auto& [path, requests] : stored_)
+    EXPECT_EQ(server_.requestCount(path), requests) << path << " was there";
 }
 
 }  // namespace qntest

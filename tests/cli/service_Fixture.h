@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -25,11 +26,20 @@ class ServiceProgramTest : public testing::Test {
 
   Ended run(std::vector<std::string> arguments) const;  // with the root of this home
   Ended background(std::vector<std::string> arguments = {}) const;
-  platform::JSON status() const;           // of url(); fails the test when there is none
-  std::string state() const;               // the member of it
-  pid_t holder() const;                    // 0 when no program works on the download
-  pid_t service() const;                   // 0 when none runs
-  static void killAndWait(pid_t process);  // SIGKILL; nothing for 0
+  platform::JSON status() const;  // of url(); fails the test when there is none
+  // Members of it; nothing when there is none.
+  struct Now {
+    std::string state, directory;
+    pid_t holder = 0;  // 0 when no program works on the download
+  };
+  Now now() const;
+  std::string state() const { return now().state; }
+  pid_t holder() const { return now().holder; }
+  pid_t service() const;  // 0 when none runs
+  // What lies in the download's directory now is not to be asked for again, ever.
+  void noteStored() { noteStored(now().directory); }
+  void noteStored(const std::string& directory);
+  void expectStoredWasKept() const;
   std::string socketDirectory() const { return program_.state() + "/run"; }
 
   std::string url() const { return url_; }
@@ -40,6 +50,7 @@ class ServiceProgramTest : public testing::Test {
 
  private:
   std::string url_;
+  std::map<std::string, size_t> stored_;  // path on the server, requests at the time
 };
 
 }  // namespace qntest

@@ -8,14 +8,16 @@
 #include <thread>
 
 #include "tests/cli/service_Fixture.h"
+#include "tests/support/Processes.h"
 #include "tests/support/TestContent.h"
 
 namespace qntest {
 namespace {
 
-constexpr unsigned kKills = 25;
+constexpr unsigned kKills = 10;  // KillLoop does most
 constexpr int kSegments = 60;
 constexpr uint64_t kSegmentBytes = 60'000;
+constexpr size_t kActive = 4;  // of a quality at a time
 
 // $QN_KILLS and $QN_SEED change a run; the seed is printed, so that a failing one can be repeated.
 unsigned numberFrom(const char* variable, unsigned otherwise) {
@@ -56,8 +58,7 @@ class ServiceKillTest : public ServiceProgramTest {
   }
 
   void expectWhole(const std::string& movie) {
-    const auto json = status();
-    const std::string directory = json.find("directory")->string().value_or("");
+    const std::string directory = now().directory;
     for (int i = 0; i < kSegments; ++i) {
       ASSERT_EQ(compareWithContent(directory + "/" + std::to_string(i) + ".m4s", pathOf(movie, i),
                                    0, sizeOf(i)),
@@ -87,13 +88,15 @@ TEST_F(ServiceKillTest, KilledOnceTheProgramIsStartedAgainByNobodyButTheService)
   ASSERT_EQ(background().code, 0);
   ASSERT_TRUE(server_.waitForRequests(pathOf("once", 20), 1, 30));
   killAndWait(holder());
+  noteStored();
   EXPECT_EQ(run({"status", url(), "--follow"}).code, 0);
   expectWhole("once");
-  EXPECT_EQ(again("once").requests, 0U) << "a task was lost or made twice";
+  expectStoredWasKept();
+  EXPECT_LE(again("once").requests, kActive);
 }
 
-// Only the program: not one request may be made twice. The service, or both: what it had under way
-// is asked for again, and nothing else.
+// What a kill of either had under way without an answer is asked for again, and nothing else: a
+// program that was started again pauses and resumes what runs, and that gives up such requests.
 TEST_F(ServiceKillTest, MovieSurvivesKillsOfProgramServiceAndBothAtRandomInstants) {
   const unsigned kills = numberFrom("QN_KILLS", kKills);
   const unsigned seed = numberFrom("QN_SEED", std::random_device()());
@@ -107,29 +110,32 @@ TEST_F(ServiceKillTest, MovieSurvivesKillsOfProgramServiceAndBothAtRandomInstant
     const bool programOnly = number % 3 == 0;
     serveMovie(movie);
     ASSERT_EQ(background().code, 0);
-    size_t serviceKills = 0;
-    for (int turn = 0; turn < 6 && killed < kills && state() != "complete"; ++turn) {
+    size_t killsOfMovie = 0;
+    for (int turn = 0; turn < 6 && killed < kills; ++turn) {
       std::this_thread::sleep_for(std::chrono::milliseconds(below(turn % 3 == 2 ? 600 : 150)));
       const unsigned which = programOnly ? 0 : 1 + below(2);
       SCOPED_TRACE(movie + ", kill " + std::to_string(killed));
-      const pid_t program = which == 1 ? 0 : holder();
+      const Now before = now();
+      if (before.state == "complete") break;
+      const pid_t program = which == 1 ? 0 : before.holder;
       const pid_t server = which == 0 ? 0 : service();
       killAndWait(program);
       killAndWait(server);
-      serviceKills += server != 0;
+      noteStored(before.directory);
+      ++killsOfMovie;
       ++figures[which == 0 ? "program" : which == 1 ? "service" : "both"];
       ++killed;
-      // Both dead: nobody is left to start anything.
-      if (which == 2 && state() != "complete") {
-        EXPECT_EQ(run({"resume", url()}).code, 0);
+      // Both dead: nobody is left to start anything. It may have been complete a moment ago.
+      if (which == 2 && run({"resume", url()}).code != 0) {
+        EXPECT_EQ(state(), "complete");
       }
     }
     const Ended followed = run({"status", url(), "--follow"});
     EXPECT_EQ(followed.code, 0) << followed.out;
     expectWhole(movie);
     const Again repeated = again(movie);
-    // Under way at the death of a service: at most what a quality has active.
-    EXPECT_LE(repeated.requests, serviceKills * 4) << movie;
+    expectStoredWasKept();
+    EXPECT_LE(repeated.requests, killsOfMovie * kActive) << movie;
     figures["requests again"] += static_cast<unsigned>(repeated.requests);
     figures["bytes again"] += static_cast<unsigned>(repeated.bytes);
     ++figures["movies"];

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "tests/transfer/ContractHarness.h"
 
@@ -13,6 +15,13 @@ class SessionContract : public testing::TestWithParam<Implementation> {
   std::unique_ptr<ContractHarness> harness = GetParam().make();
   Application app{*harness};
 };
+
+inline std::string implementationName(const testing::TestParamInfo<Implementation>& info) {
+  return info.param.name;
+}
+
+// "InProcess" and "Service".
+std::vector<Implementation> realImplementations();
 
 // The real implementations only.
 class TransferContract : public testing::TestWithParam<Implementation> {

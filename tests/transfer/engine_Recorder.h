@@ -76,7 +76,7 @@ class Recorder : public platform::URLSessionDelegate {
     std::lock_guard lock(mutex_);
     return countLocked(line);
   }
-  bool waitFor(const std::string& line, size_t times = 1, double seconds = 20) const {
+  bool waitFor(const std::string& line, size_t times = 1, double seconds = 30) const {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, std::chrono::duration<double>(seconds),
                              [&] { return countLocked(line) >= times; });
@@ -84,7 +84,7 @@ class Recorder : public platform::URLSessionDelegate {
   bool waitFor(const Task& task, const std::string& event) const {
     return waitFor(std::to_string(task->taskIdentifier()) + " " + event);
   }
-  bool waitUntil(const std::function<bool()>& condition, double seconds = 20) const {
+  bool waitUntil(const std::function<bool()>& condition, double seconds = 30) const {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
     std::unique_lock lock(mutex_);
     while (!condition()) {

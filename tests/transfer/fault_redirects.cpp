@@ -15,7 +15,7 @@ namespace {
 constexpr uint64_t kSize = 50000;
 const HeaderFields kSecrets = {{"Authorization", "Bearer x"}, {"Cookie", "a=b"}, {"X-Token", "t"}};
 
-class FaultRedirects : public testing::Test {
+class FaultRedirects : public TransferContract {
  protected:
   FaultRedirects() {
     server.serve("/target", kSize);
@@ -29,13 +29,9 @@ class FaultRedirects : public testing::Test {
   void expectError(const Application::Events& events, int64_t code) {
     EXPECT_EQ(events.summary().substr(0, 7), "c " + std::to_string(code)) << app.recorder->log();
   }
-
-  TransferHarness harness;
-  FaultServer& server = harness.server();
-  Application app{harness};
 };
 
-TEST_F(FaultRedirects, AreFollowedWhateverTheirKind) {
+TEST_P(FaultRedirects, AreFollowedWhateverTheirKind) {
   for (const int status : {301, 302, 303, 307, 308}) {
     for (const std::string& location :
          {server.url("/target"), std::string("/target"), std::string("target?x=1#f")}) {
@@ -55,7 +51,7 @@ TEST_F(FaultRedirects, AreFollowedWhateverTheirKind) {
   }
 }
 
-TEST_F(FaultRedirects, DoNotTakeHeadersToAnotherServer) {
+TEST_P(FaultRedirects, DoNotTakeHeadersToAnotherServer) {
   FaultServer other;
   other.serve("/target", kSize);
   for (const std::string& location : {server.url("/target", "localhost"), other.url("/target")}) {
@@ -73,7 +69,7 @@ TEST_F(FaultRedirects, DoNotTakeHeadersToAnotherServer) {
   }
 }
 
-TEST_F(FaultRedirects, BackToTheFirstServerDoNotBringTheHeadersBackFromAnother) {
+TEST_P(FaultRedirects, BackToTheFirstServerDoNotBringTheHeadersBackFromAnother) {
   FaultServer other;
   server.script("/a", {}, Fault::redirect(other.url("/b")));
   other.script("/b", {}, Fault::redirect(server.url("/target")));
@@ -82,7 +78,7 @@ TEST_F(FaultRedirects, BackToTheFirstServerDoNotBringTheHeadersBackFromAnother) 
     EXPECT_EQ(other.requests("/b").at(0).header(name), std::nullopt);
 }
 
-TEST_F(FaultRedirects, LeadOnlyToHTTP) {
+TEST_P(FaultRedirects, LeadOnlyToHTTP) {
   for (const std::string location : {"file:///etc/hostname", "ftp://127.0.0.1/a", "javascript:1"}) {
     SCOPED_TRACE(location);
     server.script("/a", {}, Fault::redirect(location));
@@ -90,7 +86,7 @@ TEST_F(FaultRedirects, LeadOnlyToHTTP) {
   }
 }
 
-TEST_F(FaultRedirects, AreBounded) {
+TEST_P(FaultRedirects, AreBounded) {
   server.script("/a", {}, Fault::redirect("/b"));
   server.script("/b", {}, Fault::redirect("/a"));
   expectError(app.completed(app.start("/a")), platform::URLErrorHTTPTooManyRedirects);
@@ -101,7 +97,7 @@ TEST_F(FaultRedirects, AreBounded) {
   expectTarget(app.completed(app.start("/hop0")), "/hop8");
 }
 
-TEST_F(FaultRedirects, AreFollowedAgainByAResumedTransfer) {
+TEST_P(FaultRedirects, AreFollowedAgainByAResumedTransfer) {
   server.script("/a", {}, Fault::redirect("/target"));
   server.script("/target", {Fault::reset(20000)});
   harness.configuration().retryBoundSeconds = 20;
@@ -110,12 +106,15 @@ TEST_F(FaultRedirects, AreFollowedAgainByAResumedTransfer) {
   EXPECT_EQ(server.bytesSentAgain("/target"), 0U);
 }
 
-TEST_F(FaultRedirects, ToADeadServerFailLikeTheServer) {
+TEST_P(FaultRedirects, ToADeadServerFailLikeTheServer) {
   FaultServer other;
   other.setRefusing(true);
   server.script("/a", {}, Fault::redirect(other.url("/b")));
   expectError(app.completed(app.start("/a")), platform::URLErrorCannotConnectToHost);
 }
+
+INSTANTIATE_TEST_SUITE_P(Real, FaultRedirects, testing::ValuesIn(realImplementations()),
+                         implementationName);
 
 }  // namespace
 }  // namespace qntest

@@ -1,4 +1,5 @@
-// What a server can do wrong, one row each: the file is right in the end, or the error is.
+// What a server can do wrong, one row each, in process and through the service: the file is right
+// in the end, or the error is.
 
 #include <functional>
 #include <ostream>
@@ -305,11 +306,7 @@ std::vector<FaultRow> framingRows() {
   return rows;
 }
 
-class FaultTable : public testing::TestWithParam<FaultRow> {};
-
-TEST_P(FaultTable, EndsRight) {
-  const FaultRow& row = GetParam();
-  TransferHarness harness;
+void expectEnd(TransferHarness& harness, const FaultRow& row) {
   harness.configuration().retryBoundSeconds = row.retryBound;
   if (row.configure) row.configure(harness.configuration());
   FaultServer& server = harness.server();
@@ -355,6 +352,18 @@ TEST_P(FaultTable, EndsRight) {
   if (row.check) row.check(server, events);
   EXPECT_TRUE(app.recorder->waitUntil([&] { return harness.storedBytes() == 0; }))
       << "files were left";
+}
+
+class FaultTable : public testing::TestWithParam<FaultRow> {};
+
+TEST_P(FaultTable, EndsRight) {
+  TransferHarness harness;
+  expectEnd(harness, GetParam());
+}
+
+TEST_P(FaultTable, EndsRightInTheService) {
+  ServiceHarness harness;
+  expectEnd(harness, GetParam());
 }
 
 std::string rowName(const testing::TestParamInfo<FaultRow>& info) {

@@ -14,7 +14,7 @@ namespace {
 
 constexpr uint64_t kSize = 200000;
 
-class FaultTLS : public testing::Test {
+class FaultTLS : public TransferContract {
  protected:
   FaultTLS() {
     ca.writeTo(directory.path("ca.pem"));
@@ -41,11 +41,9 @@ class FaultTLS : public testing::Test {
 
   TempDirectory directory;
   TestCA ca;
-  TransferHarness harness;
-  Application app{harness};
 };
 
-TEST_F(FaultTLS, DownloadsAndResumes) {
+TEST_P(FaultTLS, DownloadsAndResumes) {
   FaultServer server({.ca = &ca});
   harness.configuration().retryBoundSeconds = 20;
   server.script("/a", {Fault::reset(50000), Fault::close(50000)});
@@ -57,23 +55,23 @@ TEST_F(FaultTLS, DownloadsAndResumes) {
   EXPECT_EQ(server.bytesSentAgain("/a"), kSize) << "once for each task";
 }
 
-TEST_F(FaultTLS, RefusesAnotherName) {
+TEST_P(FaultTLS, RefusesAnotherName) {
   FaultServer server({.ca = &ca, .names = {"wrong.example"}});
   expectRefused(server, "127.0.0.1", platform::URLErrorServerCertificateUntrusted);
 }
 
-TEST_F(FaultTLS, RefusesAnotherAuthority) {
+TEST_P(FaultTLS, RefusesAnotherAuthority) {
   const TestCA stranger;
   FaultServer server({.ca = &stranger});
   expectRefused(server, "localhost", platform::URLErrorServerCertificateUntrusted);
 }
 
-TEST_F(FaultTLS, RefusesAnExpiredCertificate) {
+TEST_P(FaultTLS, RefusesAnExpiredCertificate) {
   FaultServer server({.ca = &ca, .expired = true});
   expectRefused(server, "localhost", platform::URLErrorServerCertificateHasBadDate);
 }
 
-TEST_F(FaultTLS, RefusesAServerWithoutTLS) {
+TEST_P(FaultTLS, RefusesAServerWithoutTLS) {
   FaultServer plain;
   plain.serve("/a", kSize);
   app.launch();
@@ -86,7 +84,7 @@ TEST_F(FaultTLS, RefusesAServerWithoutTLS) {
   EXPECT_EQ(events.summary(), "c -1200") << app.recorder->log();
 }
 
-TEST_F(FaultTLS, RedirectDownToPlainTextLosesTheHeaders) {
+TEST_P(FaultTLS, RedirectDownToPlainTextLosesTheHeaders) {
   FaultServer plain;
   plain.serve("/b", kSize);
   FaultServer server({.ca = &ca});
@@ -101,6 +99,9 @@ TEST_F(FaultTLS, RedirectDownToPlainTextLosesTheHeaders) {
   ASSERT_EQ(plain.requestCount(), 1U);
   EXPECT_EQ(plain.requests()[0].header("Authorization"), std::nullopt);
 }
+
+INSTANTIATE_TEST_SUITE_P(Real, FaultTLS, testing::ValuesIn(realImplementations()),
+                         implementationName);
 
 }  // namespace
 }  // namespace qntest

@@ -33,11 +33,7 @@ std::ostream& operator<<(std::ostream& out, const VersionRow& row) {
   return out << row.name;
 }
 
-class FaultVersions : public testing::TestWithParam<VersionRow> {};
-
-TEST_P(FaultVersions, AreNeverSpliced) {
-  const VersionRow& row = GetParam();
-  TransferHarness harness;
+void expectOneVersion(TransferHarness& harness, const VersionRow& row) {
   harness.configuration().retryBoundSeconds = 20;
   FaultServer& server = harness.server();
   server.setChooser([&](const FaultRequest& request) {
@@ -59,6 +55,18 @@ TEST_P(FaultVersions, AreNeverSpliced) {
   EXPECT_EQ(compareWithContent(events.files.at(0), "/a", row.breaks, row.size), "")
       << app.recorder->log();
   EXPECT_LE(server.requestCount(), static_cast<size_t>(row.breaks) + 2);
+}
+
+class FaultVersions : public testing::TestWithParam<VersionRow> {};
+
+TEST_P(FaultVersions, AreNeverSpliced) {
+  TransferHarness harness;
+  expectOneVersion(harness, GetParam());
+}
+
+TEST_P(FaultVersions, AreNeverSplicedInTheService) {
+  ServiceHarness harness;
+  expectOneVersion(harness, GetParam());
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -1,12 +1,9 @@
-#include <csignal>
 #include <fstream>
 #include <thread>
 
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "platform/Exception.h"
@@ -15,6 +12,7 @@
 #include "platform/transfer/service/ServiceSocket.h"
 #include "tests/support/FakeNetworkManager.h"
 #include "tests/support/FaultServer.h"
+#include "tests/support/Processes.h"
 #include "tests/support/TempDirectory.h"
 #include "tests/support/TestContent.h"
 #include "tests/transfer/engine_Recorder.h"
@@ -28,7 +26,7 @@ using qntest::FaultServer;
 using qntest::Recorder;
 using qntest::ScopedEnvironment;
 
-bool eventually(const std::function<bool()>& condition, double seconds = 20) {
+bool eventually(const std::function<bool()>& condition, double seconds = 30) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
   while (!condition()) {
     if (std::chrono::steady_clock::now() > deadline) return false;
@@ -48,7 +46,7 @@ class ServiceTest : public testing::Test {
   URLSessionConfiguration configuration(const std::string& identifier = "test") const {
     auto result = URLSessionConfiguration::backgroundSessionConfigurationWithIdentifier(identifier);
     result.stateDirectory = directory_.path("state");
-    result.retryBoundSeconds = 3;
+    result.retryBoundSeconds = 20;
     result.useService = true;
     return result;
   }
@@ -73,19 +71,11 @@ class ServiceTest : public testing::Test {
     int error = 0;
     const FileDescriptor fd = connectTo(socketPath(), &error);
     const auto welcome =
-        fd ? greet(fd.get(), Hello::Kind::Hello, kProtocolVersion, 1'000) : std::nullopt;
+        fd ? greet(fd.get(), Hello::Kind::Hello, kProtocolVersion, 30'000) : std::nullopt;
     return welcome ? static_cast<pid_t>(welcome->process) : 0;
   }
 
-  void killService() const {
-    if (const pid_t process = service()) {
-      // Gone is gone, whether or not somebody has asked how it ended.
-      const FileDescriptor fd(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
-      ::kill(process, SIGKILL);
-      pollfd waiting{fd.get(), POLLIN, 0};
-      ::poll(&waiting, 1, 10'000);
-    }
-  }
+  void killService() const { qntest::killAndWait(service()); }
 
   std::string refusal() {
     try {
@@ -119,7 +109,7 @@ class RawClient {
   RawClient() {
     int error = 0;
     fd_ = connectTo(socketPath(), &error);
-    if (fd_) greet(fd_.get(), Hello::Kind::Hello, kProtocolVersion, 5'000);
+    if (fd_) greet(fd_.get(), Hello::Kind::Hello, kProtocolVersion, 30'000);
   }
 
   void send(const Message& message) { sendBytes(encodeFrame(message)); }
@@ -170,6 +160,18 @@ class RawClient {
   FileDescriptor fd_;
   FrameReader frames_;
 };
+
+// The service may not have noticed yet that the client before hung up.
+OpenedMessage openAfterHangUp(const URLSessionConfiguration& configuration, RawClient& client) {
+  OpenedMessage opened;
+  EXPECT_TRUE(eventually([&] {
+    client = RawClient();
+    client.send(OpenMessage{1, configuration, false});
+    opened = client.receive<OpenedMessage>();
+    return opened.refusal.empty();
+  })) << opened.refusal;
+  return opened;
+}
 
 TransferEvent someEvent() {
   TransferEvent event;
@@ -337,7 +339,7 @@ class OtherVersion {
     while (!stop_ && !left_) {
       const FileDescriptor client(::accept(listener_.get(), nullptr, nullptr));
       std::string bytes(Hello::kSize, '\0');
-      if (!client || !receiveAll(client.get(), bytes.data(), bytes.size(), 1'000)) {
+      if (!client || !receiveAll(client.get(), bytes.data(), bytes.size(), 10'000)) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
         continue;
       }
@@ -377,10 +379,10 @@ TEST_F(ServiceTest, TheRealServiceCommitsAndLeavesForANewerLibrary) {
   int error = 0;
   const FileDescriptor fd = connectTo(socketPath(), &error);
   const pid_t before = service();
-  const auto answer = greet(fd.get(), Hello::Kind::Quit, kProtocolVersion + 1, 5'000);
+  const auto answer = greet(fd.get(), Hello::Kind::Quit, kProtocolVersion + 1, 30'000);
   ASSERT_TRUE(answer && answer->kind == Hello::Kind::Leaving);
   char end = 0;
-  EXPECT_FALSE(receiveAll(fd.get(), &end, 1, 5'000));
+  EXPECT_FALSE(receiveAll(fd.get(), &end, 1, 30'000));
   ASSERT_TRUE(eventually([&] { return service() != 0 && service() != before; }));
   server_.release("/a");
   EXPECT_TRUE(recorder_->waitFor(task, "done"));
@@ -416,8 +418,7 @@ TEST_F(ServiceTest, ACommandThatDiesIsStartedFiveTimesUntilSomebodyComesByHand) 
   EXPECT_EQ(5u, launches());
   // By hand: the end is still there, and nothing was fetched again.
   RawClient hand;
-  hand.send(OpenMessage{1, withCommand, false});
-  EXPECT_EQ(1u, hand.receive<OpenedMessage>().tasks.size());
+  EXPECT_EQ(1u, openAfterHangUp(withCommand, hand).tasks.size());
   hand.send(StartMessage{2});
   const auto events = hand.receive<EventsMessage>().events;
   ASSERT_FALSE(events.empty());
@@ -444,6 +445,25 @@ TEST_F(ServiceTest, NobodyIsStartedAfterAGoodbye) {
   EXPECT_FALSE(qntest::readFile(log));
 }
 
+TEST_F(ServiceTest, AFileThatWasMovedAwayCountsAsDeliveredThoughTheApplicationDiedOverIt) {
+  for (const char* path : {"/a", "/b"})
+    server_.serve(path, 1'000);
+  open();
+  RawClient application;
+  application.begin(configuration("dies"), {server_.url("/a"), server_.url("/b")});
+  std::vector<TransferEvent> ends;
+  while (ends.size() < 2) {
+    for (auto& event : application.receive<EventsMessage>().events)
+      if (event.kind == TransferEvent::Kind::Finished) ends.push_back(event);
+  }
+  ASSERT_EQ(0, ::unlink(ends[0].path.c_str()));
+  application.hangUp();
+  RawClient next;
+  const auto opened = openAfterHangUp(configuration("dies"), next);
+  ASSERT_EQ(1u, opened.tasks.size());
+  EXPECT_EQ(ends[1].task, opened.tasks[0].id);
+}
+
 TEST_F(ServiceTest, BadClientsEndOnlyTheirOwnConnection) {
   server_.serve("/a", 1'000);
   open();
@@ -462,7 +482,7 @@ TEST_F(ServiceTest, BadClientsEndOnlyTheirOwnConnection) {
   const std::string noise(Hello::kSize, 'x');
   sendAll(noHello.get(), noise.data(), noise.size());
   char end = 0;
-  EXPECT_FALSE(receiveAll(noHello.get(), &end, 1, 5'000));
+  EXPECT_FALSE(receiveAll(noHello.get(), &end, 1, 30'000));
   EXPECT_TRUE(recorder_->waitFor(begin("/a"), "done"));
   EXPECT_EQ(before, service());
 }
@@ -485,14 +505,7 @@ TEST_F(ServiceTest, AClientThatNeverReadsHoldsNobodyUp) {
   // Whoever comes to read after all gets every end.
   silent.hangUp();
   RawClient reader;
-  OpenedMessage opened;
-  ASSERT_TRUE(eventually([&] {
-    RawClient next;
-    next.send(OpenMessage{1, configuration("silent"), false});
-    opened = next.receive<OpenedMessage>();
-    if (opened.refusal.empty()) reader = std::move(next);
-    return opened.refusal.empty();
-  }));
+  openAfterHangUp(configuration("silent"), reader);
   reader.send(StartMessage{2});
   size_t ends = 0;
   while (ends < kTasks) {
@@ -518,8 +531,8 @@ TEST_F(ServiceTest, TransfersWaitWhileTheNetworkIsMeteredAndGoOnByThemselves) {
   const auto task = begin("/a");
   ASSERT_TRUE(recorder_->waitUntil([&] { return task->countOfBytesReceived() == 200'000; }));
   network.setMetered(qntest::NMMeteredYes);
-  ASSERT_TRUE(recorder_->waitUntil(
-      [&] { return task->waitReason().wait == URLSessionTaskWait::Metered; }));
+  ASSERT_TRUE(
+      recorder_->waitUntil([&] { return task->waitReason().wait == URLSessionTaskWait::Metered; }));
   EXPECT_EQ(URLSessionTaskState::Running, task->state());
   EXPECT_EQ(1u, server_.requestCount("/a"));
   network.setMetered(qntest::NMMeteredNo);
@@ -537,10 +550,8 @@ TEST_F(ServiceTest, LeavesWhenNothingIsLeftToDo) {
   ASSERT_TRUE(recorder_->waitFor(begin("/a"), "done"));
   const pid_t process = service();
   ASSERT_NE(0, process);
-  const FileDescriptor fd(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
   session_.reset();
-  pollfd gone{fd.get(), POLLIN, 0};
-  EXPECT_EQ(1, ::poll(&gone, 1, 10'000));
+  EXPECT_TRUE(qntest::waitForExit(process, 30));
   EXPECT_EQ(0, service());
 }
 

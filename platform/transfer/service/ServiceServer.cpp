@@ -76,6 +76,7 @@ void ServiceServer::run() {
     if (recoverAtMs_ >= 0 && now >= recoverAtMs_) recover();
     launchWhatIsDue(now);
     dropIdleSessions();
+    timeoutMs(now);  // whoever came in this round is served
     if (idleSinceMs_ >= 0 && now - idleSinceMs_ >= options_.idleMs) leaving_ = true;
   }
   for (auto& [key, slot] : slots_) {
@@ -271,7 +272,10 @@ void ServiceServer::open(ServiceConnection& connection, const OpenMessage& messa
     slot.launchAtMs = -1;
     slot.connection = connection.fd();
     connection.sessionKey = key;
-    if (!message.again) slot.session->forgetProgress();
+    if (!message.again) {
+      slot.session->forgetProgress();
+      slot.session->settleDelivered();
+    }
     answer.tasks = slot.session->tasks();
     save(slot);
   } catch (const Exception& failure) {

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/FileManager.h"
+
 namespace platform::service {
 
 struct ServiceSession::Inbox {
@@ -93,6 +95,21 @@ void ServiceSession::forgetProgress() {
   collect();
   order_.clear();
   pending_.clear();
+}
+
+void ServiceSession::settleDelivered() {
+  collect();
+  TransferBatch delivered;
+  for (const auto& [id, ending] : endings_) {
+    if (ending.kind != TransferEvent::Kind::Finished ||
+        FileManager::defaultManager().fileExistsAtPath(ending.path))
+      continue;
+    TransferCall call;
+    call.kind = TransferCall::Kind::Acknowledge;
+    call.task = id;
+    delivered.push_back(call);
+  }
+  if (!delivered.empty()) submit(delivered);
 }
 
 bool ServiceSession::collect() {

@@ -40,6 +40,9 @@ class ServiceSession {
   size_t attach();
   // Drops what was not sent of progress: an application that comes anew learns it with its tasks.
   void forgetProgress();
+  // What had finished and has no file any more was delivered: its application died between moving
+  // it away and saying so.
+  void settleDelivered();
   void detach() { attached_ = false; }
   bool attached() const { return attached_; }
 
