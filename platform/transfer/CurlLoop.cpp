@@ -122,6 +122,16 @@ void CurlLoop::remove(CURL* easy) {
   removing_ = false;
 }
 
+void CurlLoop::watch(int fd, uint32_t events, std::function<void(uint32_t)> ready) {
+  epoll_event event{};
+  event.events = events;
+  event.data.fd = fd;
+  const int operation = events == 0 ? EPOLL_CTL_DEL : other_ == fd ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
+  epoll_ctl(epoll_.get(), operation, fd, &event);
+  other_ = events == 0 ? -1 : fd;
+  otherReady_ = events == 0 ? nullptr : std::move(ready);
+}
+
 void CurlLoop::run(int64_t timeoutMs) {
   const int64_t timer = timeToTimer();
   if (timer >= 0) timeoutMs = timeoutMs < 0 ? timer : std::min(timeoutMs, timer);
@@ -137,6 +147,11 @@ void CurlLoop::run(int64_t timeoutMs) {
       uint64_t ignored = 0;
       static_cast<void>(!::read(fd, &ignored, sizeof ignored));
       woken_.store(false);
+      continue;
+    }
+    if (fd == other_) {
+      const auto tell = otherReady_;  // it may end the watch
+      tell(ready);
       continue;
     }
     if (!watched_.contains(fd)) {

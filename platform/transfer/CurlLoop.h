@@ -41,6 +41,9 @@ class CurlLoop {
   [[nodiscard]] bool add(CURL* easy);
   void remove(CURL* easy);
 
+  // Looks at a descriptor of somebody else's as well, for these epoll events; 0: not any more. One.
+  void watch(int fd, uint32_t events, std::function<void(uint32_t events)> ready);
+
   // Waits until a socket is ready, curl's own timer is due, wake() was called or `timeoutMs` went
   // by
   // (-1: for ever), then lets the transfers move on.
@@ -63,6 +66,8 @@ class CurlLoop {
   std::unordered_set<int> watched_;  // by epoll_, of libcurl's sockets
   bool removing_ = false;
   std::atomic<bool> woken_{false};
+  int other_ = -1;  // the descriptor of watch()
+  std::function<void(uint32_t)> otherReady_;
   CURLM* multi_ = nullptr;
   std::vector<CURL*> idle_;
   int64_t timerAtMs_ = -1;  // on CLOCK_MONOTONIC, -1: none

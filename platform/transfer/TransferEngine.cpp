@@ -72,9 +72,19 @@ TransferTaskId TransferEngine::nextIdentifier() {
 }
 
 void TransferEngine::submit(const TransferBatch& batch, Durability durability) {
+  submit(batch, durability, nullptr);
+}
+
+void TransferEngine::submitMarked(const TransferBatch& batch, Durability durability,
+                                  const TransferMark& mark) {
+  submit(batch, durability, &mark);
+}
+
+void TransferEngine::submit(const TransferBatch& batch, Durability durability,
+                            const TransferMark* mark) {
   std::vector<TransferTaskId> touched;
   std::vector<TransferEvent> events;
-  ledger_.submit(batch, touched, events);
+  ledger_.submit(batch, touched, events, mark);
   if (durability == Durability::Now) ledger_.commit(events);
   tell(std::move(events));
   post(touched);
@@ -92,11 +102,21 @@ int64_t TransferEngine::millisecondsUntil(int64_t timeMs) const {
   return std::max<int64_t>(0, timeMs - clock_.nowMs());
 }
 
+void TransferEngine::post(std::function<void(CurlLoop&)> block) {
+  {
+    MutexLock lock(mutex_);
+    blocks_.push_back(std::move(block));
+  }
+  loop_->wake();
+}
+
 void TransferEngine::tell(std::vector<TransferEvent>&& events) {
-  if (events.empty()) return;
+  const uint64_t mark = ledger_.storedMark().number;
   std::shared_ptr<const Sink> sink;
   {
     MutexLock lock(mutex_);
+    if (events.empty() && toldMark_ == mark) return;
+    toldMark_ = mark;
     sink = sink_;
   }
   // Before there is one, the events stay in the ledger.
@@ -126,10 +146,14 @@ void TransferEngine::run() {
 
 void TransferEngine::runRound() {
   std::vector<TransferTaskId> touched;
+  std::vector<std::function<void(CurlLoop&)>> blocks;
   {
     MutexLock lock(mutex_);
     touched.swap(touched_);
+    blocks.swap(blocks_);
   }
+  for (const auto& block : blocks)
+    block(*loop_);
   if (networkChanged_.exchange(false)) scheduler_->setNetwork(monitor_.status());
   for (const TransferTaskId id : touched)
     scheduler_->taskChanged(id);

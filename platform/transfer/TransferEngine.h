@@ -36,9 +36,24 @@ class TransferEngine final : public TransferBackend {
 
   bool stateWasLost() const { return ledger_.stateWasLost(); }
 
+  // For a front in another process, which may outlive this one: its messages take effect once, and
+  // an ending is told only when it is stored. `mark` is the message that brought the batch; a Sink
+  // is called, maybe without events, whenever another mark was stored.
+  void serveFront() { ledger_.setStoresEndingsFirst(); }
+  void submitMarked(const TransferBatch& batch, Durability durability, const TransferMark& mark);
+  TransferMark storedMark() const { return ledger_.storedMark(); }
+  std::vector<TransferEvent> heldEvents() const { return ledger_.heldEvents(); }
+  // What a session is remembered by, for who opens it without its application.
+  [[nodiscard]] bool saveOptions(const TransferOptions& options) {
+    return ledger_.saveSession(options);
+  }
+  // Runs the block on the engine's thread, as soon as there is one and it is not closed.
+  void post(std::function<void(CurlLoop&)> block);
+
  private:
   void run();
   void runRound();
+  void submit(const TransferBatch& batch, Durability durability, const TransferMark* mark);
   void tell(std::vector<TransferEvent>&& events);
   void post(std::vector<TransferTaskId>& touched);
 
@@ -50,6 +65,8 @@ class TransferEngine final : public TransferBackend {
   Mutex mutex_;
   std::shared_ptr<const Sink> sink_ GUARDED_BY(mutex_);
   std::vector<TransferTaskId> touched_ GUARDED_BY(mutex_);
+  std::vector<std::function<void(CurlLoop&)>> blocks_ GUARDED_BY(mutex_);
+  uint64_t toldMark_ GUARDED_BY(mutex_) = 0;
   bool started_ GUARDED_BY(mutex_) = false;
   bool closed_ GUARDED_BY(mutex_) = false;
   std::thread thread_;  // set by start(), joined by close()

@@ -80,6 +80,7 @@ TransferLedger::TransferLedger(std::unique_ptr<TransferStore> store, bool epheme
   std::vector<PartialName> kept;
   {
     MutexLock lock(mutex_);
+    mark_ = storedMark_ = store_->mark();
     for (auto& record : records) {
       bool drop = ephemeral;
       if (!drop) _reconcileWithFile(record, drop);
@@ -189,16 +190,30 @@ TransferTaskId TransferLedger::nextIdentifier() {
 }
 
 void TransferLedger::submit(const TransferBatch& batch, std::vector<TransferTaskId>& touched,
-                            std::vector<TransferEvent>& events) {
+                            std::vector<TransferEvent>& events, const TransferMark* mark) {
   std::vector<PartialName> doomed;
   {
     MutexLock lock(mutex_);
     for (const auto& call : batch)
       _apply(call, touched, events);
+    if (mark) {
+      mark_ = *mark;
+      if (changedSinceMs_ == kNeverMs) changedSinceMs_ = now_();
+    }
     doomed.swap(doomed_);
   }
   for (const auto& file : doomed)
     files().remove(file);
+}
+
+TransferMark TransferLedger::storedMark() const {
+  MutexLock lock(mutex_);
+  return storedMark_;
+}
+
+bool TransferLedger::saveSession(const TransferOptions& options) {
+  MutexLock storeLock(storeMutex_);
+  return store_->saveSession(options);
 }
 
 void TransferLedger::_apply(const TransferCall& call, std::vector<TransferTaskId>& touched,
@@ -273,9 +288,9 @@ void TransferLedger::_cancel(Entry& entry, std::vector<TransferEvent>& events) {
   events.push_back(_endEvent(record));
 }
 
+// Also what starts over: its file was found changed, but the front had been told its end.
 void TransferLedger::_acknowledge(Entry& entry) {
   auto& record = entry.record;
-  if (record.stage == TransferStage::None) return;
   _doom(record.content.file);
   entry.gone = true;
   entries_.erase(record.id);
@@ -290,19 +305,32 @@ void TransferLedger::_markChanged(const EntryPtr& entry) {
 
 void TransferLedger::commit(std::vector<TransferEvent>& events) {
   MutexLock storeLock(storeMutex_);
+  static_cast<void>(commitAll(events));
+}
+
+ErrorPtr TransferLedger::commitAll(std::vector<TransferEvent>& events) {
   std::vector<EntryPtr> entries;
   std::vector<TransferChange> changes;
+  TransferMark mark;
+  bool isNewMark = false;
   {
     MutexLock lock(mutex_);
     changes = _collect(entries);
+    mark = mark_;
+    isNewMark = mark_ != storedMark_;
   }
-  if (changes.empty()) return;
-  const auto error = store_->apply(changes);
+  if (changes.empty() && !isNewMark) return nullptr;
+  const auto error = store_->apply(changes, isNewMark ? &mark : nullptr);
   MutexLock lock(mutex_);
-  if (error) return _putBack(entries, error, events);
+  if (error) {
+    _putBack(entries, error, events);
+    return error;
+  }
+  storedMark_ = mark;
   toldFull_ = false;
   for (const auto& entry : entries)
     entry->stored = true;
+  return nullptr;
 }
 
 std::vector<TransferChange> TransferLedger::_collect(std::vector<EntryPtr>& entries) {
@@ -348,7 +376,7 @@ void TransferLedger::_putBack(const std::vector<EntryPtr>& entries, const ErrorP
     record.error = error;
     events.push_back(_endEvent(record));
   }
-  if (full) changedSinceMs_ = now_() + kFullRetryMs;
+  changedSinceMs_ = now_() + (full ? kFullRetryMs : 0);
 }
 
 std::optional<TransferRecord> TransferLedger::unfinishedTask(TransferTaskId id) const {
@@ -398,7 +426,10 @@ std::vector<TransferEvent> TransferLedger::end(const std::vector<Ending>& ending
       record.stage = ending.error ? TransferStage::Failed : TransferStage::Finished;
       if (ending.resumable) record.resumeToken = makeResumeToken();
       events.push_back(_endEvent(record));
-      if (entry->stored) {
+      if (storesEndingsFirst_) {
+        entry->factsChanged = true;
+        _markChanged(entry);
+      } else if (entry->stored) {
         changes.push_back({TransferChange::Kind::UpdateFacts, record});
         entries.push_back(entry);
       } else {
@@ -406,7 +437,7 @@ std::vector<TransferEvent> TransferLedger::end(const std::vector<Ending>& ending
       }
     }
   }
-  const auto error = store_->apply(changes);
+  const auto error = storesEndingsFirst_ ? commitAll(events) : store_->apply(changes);
   if (!error) return events;
   // Told all the same: to wait for room in the store would stop what needs none.
   logError("Session store: " + error->localizedDescription());

@@ -34,9 +34,14 @@ class TransferLedger {
   TransferTaskId nextIdentifier();
 
   // Takes a batch over. Tasks whose course may have to change are appended to `touched`, what is to
-  // be told to `events`.
+  // be told to `events`. A mark is stored together with the batch.
   void submit(const TransferBatch& batch, std::vector<TransferTaskId>& touched,
-              std::vector<TransferEvent>& events);
+              std::vector<TransferEvent>& events, const TransferMark* mark = nullptr);
+  TransferMark storedMark() const;
+  // For a front that may outlive this process: an ending is told only when it is stored, so that
+  // its file is there, too, for the next one.
+  void setStoresEndingsFirst() { storesEndingsFirst_ = true; }
+  [[nodiscard]] bool saveSession(const TransferOptions& options);
   // Writes whatever is not written. A task that cannot be stored for the first time fails: its
   // event is appended.
   void commit(std::vector<TransferEvent>& events);
@@ -80,6 +85,7 @@ class TransferLedger {
   void _cancel(Entry& entry, std::vector<TransferEvent>& events) REQUIRES(mutex_);
   void _acknowledge(Entry& entry) REQUIRES(mutex_);
   void _markChanged(const EntryPtr& entry) REQUIRES(mutex_);
+  [[nodiscard]] ErrorPtr commitAll(std::vector<TransferEvent>& events) REQUIRES(storeMutex_);
   std::vector<TransferChange> _collect(std::vector<EntryPtr>& entries) REQUIRES(mutex_);
   void _putBack(const std::vector<EntryPtr>& entries, const ErrorPtr& error,
                 std::vector<TransferEvent>& events) REQUIRES(mutex_);
@@ -89,12 +95,15 @@ class TransferLedger {
   // Serialises transactions; taken before mutex_.
   Mutex storeMutex_;
   const std::unique_ptr<TransferStore> store_;  // guarded by storeMutex_ after construction
+  bool storesEndingsFirst_ = false;             // constant after construction
 
   mutable Mutex mutex_;
   std::unordered_map<TransferTaskId, EntryPtr> entries_ GUARDED_BY(mutex_);
   std::vector<EntryPtr> changed_ GUARDED_BY(mutex_);
   std::vector<PartialName> doomed_ GUARDED_BY(mutex_);  // to be removed outside the lock
   int64_t changedSinceMs_ GUARDED_BY(mutex_);
+  TransferMark mark_ GUARDED_BY(mutex_);
+  TransferMark storedMark_ GUARDED_BY(mutex_);
   bool toldFull_ GUARDED_BY(mutex_) = false;  // the disk, since the last transaction
   std::function<int64_t()> now_ GUARDED_BY(mutex_);
   TransferTaskId nextIdentifier_ GUARDED_BY(mutex_) = 0;

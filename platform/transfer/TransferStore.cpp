@@ -166,6 +166,7 @@ void TransferStore::prepareStatements() {
   sql[Reserve] =
       "INSERT OR REPLACE INTO sqlite_sequence(rowid, name, seq) VALUES("
       "(SELECT rowid FROM sqlite_sequence WHERE name = 'task'), 'task', ?)";
+  sql[Mark] = "UPDATE session SET front = ?, mark = ? WHERE id = 1";
   statements_.assign(Count, nullptr);
   for (size_t i = 0; i < Count; ++i) {
     const int code = sqlite3_prepare_v3(database_, sql[i].c_str(), static_cast<int>(sql[i].size()),
@@ -225,11 +226,14 @@ std::vector<TransferRecord> TransferStore::load() {
   return records;
 }
 
-ErrorPtr TransferStore::apply(const std::vector<TransferChange>& changes) {
-  if (changes.empty()) return nullptr;
+ErrorPtr TransferStore::apply(const std::vector<TransferChange>& changes,
+                              const TransferMark* mark) {
+  if (changes.empty() && !mark) return nullptr;
   if (!TransferRowWriter(statements_[Begin]).step()) return changeError();
-  for (const auto& change : changes) {
-    if (applyOne(change)) continue;
+  bool applied = !mark || applyMark(*mark);
+  for (auto change = changes.begin(); applied && change != changes.end(); ++change)
+    applied = applyOne(*change);
+  if (!applied) {
     auto error = changeError();
     TransferRowWriter(statements_[Rollback]).step();
     return error;
@@ -269,6 +273,19 @@ bool TransferStore::applyOne(const TransferChange& change) {
     }
   }
   return false;
+}
+
+bool TransferStore::applyMark(const TransferMark& mark) {
+  TransferRowWriter row(statements_[Mark]);
+  row.bind(static_cast<int64_t>(mark.front));
+  row.bind(static_cast<int64_t>(mark.number));
+  return row.step();
+}
+
+TransferMark TransferStore::mark() {
+  TransferRowReader row(database_, "SELECT front, mark FROM session WHERE id = 1");
+  if (!row.next()) return {};
+  return {static_cast<uint64_t>(row.integer(0)), static_cast<uint64_t>(row.integer(1))};
 }
 
 TransferTaskId TransferStore::reserveIdentifiers(uint64_t count) {

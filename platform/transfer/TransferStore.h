@@ -72,6 +72,13 @@ struct TransferSessionRecord {
   bool operator==(const TransferSessionRecord&) const = default;
 };
 
+// How far the calls of a front in another process have been taken in.
+struct TransferMark {
+  uint64_t front = 0;   // which front, 0: none
+  uint64_t number = 0;  // its last message
+  bool operator==(const TransferMark&) const = default;
+};
+
 // A session's database, in SQLite's WAL mode, with the lock on its directory and the directory of
 // partial files. Survives a kill at any instant; after a power loss it is whole, but may be older.
 // Not thread-safe: the owner serialises.
@@ -95,8 +102,10 @@ class TransferStore {
   TransferSessionRecord session();
   // Every task, by identifier, as it was stored. Throws as the constructor does.
   std::vector<TransferRecord> load();
-  // In one transaction. Null, or why nothing was changed.
-  [[nodiscard]] ErrorPtr apply(const std::vector<TransferChange>& changes);
+  // In one transaction, with the mark if there is one. Null, or why nothing was changed.
+  [[nodiscard]] ErrorPtr apply(const std::vector<TransferChange>& changes,
+                               const TransferMark* mark = nullptr);
+  TransferMark mark();
   // The first of `count` task identifiers that will never be given out again; 0 when they cannot be
   // stored.
   [[nodiscard]] TransferTaskId reserveIdentifiers(uint64_t count);
@@ -108,7 +117,18 @@ class TransferStore {
  private:
   class Statement;
   struct Damaged;
-  enum Prepared { Begin, Commit, Rollback, Insert, UpdateOwn, UpdateFacts, Delete, Reserve, Count };
+  enum Prepared {
+    Begin,
+    Commit,
+    Rollback,
+    Insert,
+    UpdateOwn,
+    UpdateFacts,
+    Delete,
+    Reserve,
+    Mark,
+    Count
+  };
 
   void open(const std::string& identifier);
   void openDatabase();
@@ -121,6 +141,7 @@ class TransferStore {
   void run(const char* sql);
   int64_t readInteger(const char* sql);
   bool applyOne(const TransferChange& change);
+  bool applyMark(const TransferMark& mark);
   [[noreturn]] void fail(const std::string& what) const;
   ErrorPtr changeError() const;
 

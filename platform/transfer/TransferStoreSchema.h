@@ -64,6 +64,11 @@ ALTER TABLE session ADD COLUMN discretionary INTEGER NOT NULL DEFAULT 0;
 ALTER TABLE session ADD COLUMN launch_events INTEGER NOT NULL DEFAULT 0;
 ALTER TABLE session ADD COLUMN launch_command TEXT;
 )sql",
+    // What has been taken in of the messages of an application that speaks to a service.
+    R"sql(
+ALTER TABLE session ADD COLUMN front INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE session ADD COLUMN mark INTEGER NOT NULL DEFAULT 0;
+)sql",
 };
 
 inline constexpr int kStoreSchemaVersion = sizeof kStoreSchemaSteps / sizeof kStoreSchemaSteps[0];

@@ -6,7 +6,9 @@
 #include <utility>
 
 #include <poll.h>
+#include <sys/random.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include "platform/Exception.h"
 #include "platform/transfer/ThreadSetup.h"
@@ -14,7 +16,6 @@
 #include "platform/transfer/TransferErrors.h"
 #include "platform/transfer/TransferOptions.h"
 #include "platform/transfer/service/FrameReader.h"
-#include "platform/transfer/service/ServiceLauncher.h"
 #include "platform/transfer/service/ServiceSocket.h"
 
 namespace platform::service {
@@ -28,6 +29,14 @@ constexpr int kGoodbyeTimeoutMs = 2'000;
 constexpr auto kHeldTimeout = std::chrono::seconds(3);
 constexpr auto kHeldPause = std::chrono::milliseconds(50);
 constexpr size_t kCallsPerMessage = 4'096;
+
+uint64_t drawNumber() {
+  uint64_t number = 0;
+  if (::getrandom(&number, sizeof number, 0) != sizeof number)
+    number = static_cast<uint64_t>(::getpid()) ^
+             static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
+  return number | 1;
+}
 
 std::string absolutePath(const std::string& path) {
   return path.empty() ? path : std::filesystem::absolute(path).lexically_normal().string();
@@ -64,7 +73,9 @@ std::optional<Message> receiveMessage(int fd) {
 }  // namespace
 
 ServiceBackend::ServiceBackend(const URLSessionConfiguration& configuration)
-    : configuration_(completed(configuration)) {
+    : configuration_(completed(configuration)),
+      place_(ServicePlace::fromEnvironment()),
+      front_(drawNumber()) {
   std::vector<TransferTaskInfo> tasks;
   std::string refusal;
   bool held = false;
@@ -103,10 +114,10 @@ FileDescriptor ServiceBackend::connectAndOpen(bool again, std::vector<TransferTa
 
 FileDescriptor ServiceBackend::connectAndOpenOnce(bool again, std::vector<TransferTaskInfo>& tasks,
                                                   std::string& refusal, bool& held) {
-  FileDescriptor fd = connectToService(refusal);
+  FileDescriptor fd = connectToService(place_, refusal);
   if (!fd) return {};
-  const std::string frame =
-      encodeFrame(OpenMessage{.number = 0, .configuration = configuration_, .again = again});
+  const std::string frame = encodeFrame(
+      OpenMessage{.number = 0, .configuration = configuration_, .again = again, .front = front_});
   bool more = sendAll(fd.get(), frame.data(), frame.size());
   if (!more) refusal = "The transfer service ended the connection";
   while (more) {
@@ -135,20 +146,21 @@ Answer ServiceBackend::ask(Request request, int timeoutMs) {
   {
     MutexLock sendLock(sendMutex_);
     number = request.number = ++lastNumber_;
+    {
+      MutexLock lock(mutex_);
+      asked_.insert(number);
+    }
     send(number, encodeFrame(request), {});
   }
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
   MutexLock lock(mutex_);
-  for (;;) {
-    if (const auto found = answers_.find(number); found != answers_.end()) {
-      auto* answer = std::get_if<Answer>(&found->second);
-      Answer result = answer ? std::move(*answer) : Answer{};
-      answers_.erase(found);
-      return result;
-    }
-    if (closed_) return {};
-    if (changed_.wait_until(mutex_, deadline) == std::cv_status::timeout) return {};
+  while (!closed_ && !answers_.contains(number) &&
+         changed_.wait_until(mutex_, deadline) == std::cv_status::no_timeout) {
   }
+  asked_.erase(number);  // what comes later is for nobody
+  auto found = answers_.extract(number);
+  auto* answer = found ? std::get_if<Answer>(&found.mapped()) : nullptr;
+  return answer ? std::move(*answer) : Answer{};
 }
 
 size_t ServiceBackend::start(Sink sink) {
@@ -180,7 +192,7 @@ TransferTaskId ServiceBackend::nextIdentifier() {
   return nextReserved_++;
 }
 
-void ServiceBackend::submit(const TransferBatch& batch, Durability) {
+void ServiceBackend::submit(const TransferBatch& batch, Durability durability) {
   if (batch.empty()) return;
   MutexLock sendLock(sendMutex_);
   for (size_t first = 0; first < batch.size(); first += kCallsPerMessage) {
@@ -201,6 +213,8 @@ void ServiceBackend::submit(const TransferBatch& batch, Durability) {
         }
       }
     }
+    message.now = durability == Durability::Now;
+    message.more = end < batch.size();
     message.number = ++lastNumber_;
     const uint64_t number = message.number;
     send(number, encodeFrame(message), std::move(created));
@@ -264,7 +278,7 @@ void ServiceBackend::take(Message&& message) {
   while (!unanswered_.empty() && unanswered_.front().number <= number)
     unanswered_.pop_front();
   lastDone_ = std::max(lastDone_, number);
-  if (!done) answers_.insert_or_assign(number, std::move(message));
+  if (!done && asked_.contains(number)) answers_.insert_or_assign(number, std::move(message));
   changed_.notify_all();
 }
 

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <set>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -14,6 +15,7 @@
 #include "platform/Mutex.h"
 #include "platform/URLSession.h"
 #include "platform/transfer/TransferBackend.h"
+#include "platform/transfer/service/ServiceLauncher.h"
 #include "platform/transfer/service/ServiceMessages.h"
 
 namespace platform::service {
@@ -67,6 +69,8 @@ class ServiceBackend final : public TransferBackend {
   Answer ask(Request request, int timeoutMs);
 
   const URLSessionConfiguration configuration_;
+  const ServicePlace place_;
+  const uint64_t front_;  // tells this client's messages from those of others
   std::thread reader_;
 
   // Taken before mutex_: keeps messages in the order of their numbers.
@@ -83,6 +87,7 @@ class ServiceBackend final : public TransferBackend {
   std::vector<TransferTaskInfo> tasks_ GUARDED_BY(mutex_);
   std::deque<Numbered> unanswered_ GUARDED_BY(mutex_);
   std::map<uint64_t, Message> answers_ GUARDED_BY(mutex_);
+  std::set<uint64_t> asked_ GUARDED_BY(mutex_);  // whose answers somebody waits for
   uint64_t lastDone_ GUARDED_BY(mutex_) = 0;
   std::unordered_set<TransferTaskId> known_ GUARDED_BY(mutex_);  // made or listed, not acknowledged
   std::unordered_map<TransferTaskId, TransferEvent::Kind> toldEndings_

@@ -43,9 +43,15 @@ class ServiceConnection {
   bool hasOutput() const { return !sending_.empty() || !answers_.empty() || !events_.empty(); }
 
   std::string sessionKey;  // empty until a session was opened
-  bool started = false;
+  bool started = false;    // the session is to have it
   bool watchesOutput = false;
-  uint64_t lastNumber = 0;
+
+  // What the client said and has not taken effect yet.
+  TransferBatch calls;
+  bool callsAreWhole = true;
+  bool callsAreUrgent = false;
+  uint64_t lastNumber = 0;    // of its messages
+  uint64_t acknowledged = 0;  // of those, said to be durable
 
  private:
   static constexpr size_t kEventsAhead = 256 << 10;

@@ -86,12 +86,30 @@ std::vector<std::string> environmentWith(std::map<std::string, std::string> chan
   return environment;
 }
 
+std::string serviceProgram() {
+  if (const char* own = std::getenv("QN_TRANSFERD"); own && *own) return own;
+  char self[PATH_MAX];
+  const ssize_t size = ::readlink("/proc/self/exe", self, sizeof(self));
+  if (size > 0) {
+    std::string directory(self, static_cast<size_t>(size));
+    directory.resize(directory.rfind('/'));
+    // Beside it; as installed, wherever the tree was moved to; as built.
+    for (const char* place :
+         {"/qn-transferd", "/../libexec/qn-transferd", "/../bin/qn-transferd"}) {
+      const std::string program = directory + place;
+      if (::access(program.c_str(), X_OK) == 0) return program;
+    }
+  }
+  return QN_TRANSFERD_PATH;
+}
+
 // Returns once the service listens, or another one does; why not otherwise.
-std::string startService() {
-  const std::string program = serviceProgram();
+std::string startService(const ServicePlace& place) {
   int error = 0;
-  const pid_t process = SpawnActions().spawn({program, "--detach"}, environmentWith({}), &error);
-  if (!process) return "Cannot start the transfer service " + program + ": " + std::strerror(error);
+  const pid_t process =
+      SpawnActions().spawn({place.program, "--detach"}, place.environment, &error);
+  if (!process)
+    return "Cannot start the transfer service " + place.program + ": " + std::strerror(error);
   int status = 0;
   while (::waitpid(process, &status, 0) < 0 && errno == EINTR) {
   }
@@ -110,25 +128,12 @@ bool askToLeave(const std::string& path) {
 
 }  // namespace
 
-std::string serviceProgram() {
-  if (const char* own = std::getenv("QN_TRANSFERD"); own && *own) return own;
-  char self[PATH_MAX];
-  const ssize_t size = ::readlink("/proc/self/exe", self, sizeof(self));
-  if (size > 0) {
-    std::string directory(self, static_cast<size_t>(size));
-    directory.resize(directory.rfind('/'));
-    // Beside it; as installed, wherever the tree was moved to; as built.
-    for (const char* place :
-         {"/qn-transferd", "/../libexec/qn-transferd", "/../bin/qn-transferd"}) {
-      const std::string program = directory + place;
-      if (::access(program.c_str(), X_OK) == 0) return program;
-    }
-  }
-  return QN_TRANSFERD_PATH;
+ServicePlace ServicePlace::fromEnvironment() {
+  return {socketPath(), serviceProgram(), environmentWith({})};
 }
 
-FileDescriptor connectToService(std::string& refusal) {
-  const std::string path = socketPath();
+FileDescriptor connectToService(const ServicePlace& place, std::string& refusal) {
+  const std::string& path = place.socket;
   refusal = prepareSocketDirectory(path);
   if (!refusal.empty()) return {};
   for (int attempt = 0; attempt < kConnectAttempts; ++attempt) {
@@ -138,7 +143,7 @@ FileDescriptor connectToService(std::string& refusal) {
     if (!fd) {
       refusal = "Cannot connect to the transfer service at " + path + ": " + std::strerror(error);
       if (error != ENOENT && error != ECONNREFUSED) return {};
-      if (const std::string why = startService(); !why.empty()) {
+      if (const std::string why = startService(place); !why.empty()) {
         refusal = why;
         return {};
       }

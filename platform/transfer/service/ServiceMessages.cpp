@@ -369,6 +369,7 @@ void writeBody(WireWriter& out, const OpenMessage& m) {
   out.u64(m.number);
   writeConfiguration(out, m.configuration);
   out.boolean(m.again);
+  out.u64(m.front);
 }
 
 void writeBody(WireWriter& out, const StartMessage& m) {
@@ -386,6 +387,8 @@ void writeBody(WireWriter& out, const BatchMessage& m) {
   out.u8(static_cast<uint8_t>(Kind::Batch));
   out.u64(m.number);
   writeList(out, m.calls, writeCall);
+  out.boolean(m.now);
+  out.boolean(m.more);
 }
 
 void writeBody(WireWriter& out, const GoodbyeMessage& m) {
@@ -434,14 +437,21 @@ Message readBody(WireReader& in) {
       open.number = number;
       open.configuration = readConfiguration(in);
       open.again = in.boolean();
+      open.front = in.u64();
       return open;
     }
     case Kind::Start:
       return StartMessage{number};
     case Kind::Reserve:
       return ReserveMessage{number, in.u32()};
-    case Kind::Batch:
-      return BatchMessage{number, readList<TransferCall>(in, 9, readCall)};
+    case Kind::Batch: {
+      BatchMessage batch;
+      batch.number = number;
+      batch.calls = readList<TransferCall>(in, 9, readCall);
+      batch.now = in.boolean();
+      batch.more = in.boolean();
+      return batch;
+    }
     case Kind::Goodbye:
       return GoodbyeMessage{number};
     case Kind::Opened: {

@@ -17,7 +17,7 @@
 namespace platform::service {
 
 // Counts up whenever a message changes. The hello before it never changes.
-inline constexpr uint32_t kProtocolVersion = 1;
+inline constexpr uint32_t kProtocolVersion = 2;
 // A longer frame ends the connection.
 inline constexpr uint32_t kMaximumFrame = 16u << 20;
 
@@ -28,6 +28,7 @@ struct OpenMessage {
   uint64_t number = 0;
   URLSessionConfiguration configuration;  // with its directories made absolute
   bool again = false;  // after the service died: the client knows the tasks already
+  uint64_t front = 0;  // drawn once by each client: its batches take effect once
 };
 // Deliver events from now on.
 struct StartMessage {
@@ -37,10 +38,12 @@ struct ReserveMessage {
   uint64_t number = 0;
   uint32_t count = 0;
 };
-// Answered once it is durable.
+// Answered once it is durable, soon; or at once.
 struct BatchMessage {
   uint64_t number = 0;
   TransferBatch calls;
+  bool now = false;
+  bool more = false;  // takes effect together with the next one
 };
 // The client leaves on purpose: nobody starts it again.
 struct GoodbyeMessage {

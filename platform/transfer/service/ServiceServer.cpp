@@ -22,12 +22,11 @@
 namespace platform::service {
 namespace {
 
-constexpr size_t kEventsPerMessage = 256;
 constexpr size_t kTasksPerMessage = 1'024;
 
 // Directories and the CA come from the client, which filled everything in.
-std::unique_ptr<TransferBackend> makeBackend(const URLSessionConfiguration& configuration,
-                                             bool fresh) {
+std::unique_ptr<TransferEngine> makeEngine(const URLSessionConfiguration& configuration,
+                                           bool fresh) {
   return std::make_unique<TransferEngine>(TransferLocation::fromConfiguration(configuration),
                                           TransferOptions::fromConfiguration(configuration),
                                           configuration.ephemeral && fresh);
@@ -71,7 +70,7 @@ void ServiceServer::run() {
     const int count = ::epoll_wait(epoll_.get(), events, 64, timeoutMs(nowMs()));
     for (int i = 0; i < count && !leaving_; ++i)
       handle(events[i].data.fd, events[i].events);
-    deliverEvents();
+    collect();
     const int64_t now = nowMs();
     if (recoverAtMs_ >= 0 && now >= recoverAtMs_) recover();
     launchWhatIsDue(now);
@@ -80,8 +79,8 @@ void ServiceServer::run() {
     if (idleSinceMs_ >= 0 && now - idleSinceMs_ >= options_.idleMs) leaving_ = true;
   }
   for (auto& [key, slot] : slots_) {
-    save(slot);
     slot.session->close();
+    slot.session->save();
   }
 }
 
@@ -152,6 +151,7 @@ void ServiceServer::readConnection(ServiceConnection& connection) {
     drop(connection.fd());
   } else {
     flush(connection);
+    if (connection.started) handOver(connection);
   }
 }
 
@@ -160,15 +160,13 @@ bool ServiceServer::takeMessages(ServiceConnection& connection) {
     if (const auto hello = connection.takeHello()) takeHello(connection, *hello);
     return !connection.failed();
   }
-  // The calls of one round take effect together.
-  TransferBatch calls;
   bool sane = true;
-  while (sane) {
+  while (sane && !connection.started) {
     auto message = connection.takeMessage();
     if (!message) break;
-    sane = takeMessage(connection, std::move(*message), calls);
+    sane = takeMessage(connection, std::move(*message));
   }
-  submit(connection, calls);
+  if (Slot* slot = slotOf(connection)) slot->session->submit(connection);
   return sane && !connection.failed();
 }
 
@@ -185,8 +183,7 @@ ServiceServer::Slot* ServiceServer::slotOf(const ServiceConnection& connection) 
                                                                               : nullptr;
 }
 
-bool ServiceServer::takeMessage(ServiceConnection& connection, Message&& message,
-                                TransferBatch& calls) {
+bool ServiceServer::takeMessage(ServiceConnection& connection, Message&& message) {
   if (const auto* opening = std::get_if<OpenMessage>(&message)) {
     if (!connection.sessionKey.empty()) return false;
     open(connection, *opening);
@@ -194,18 +191,12 @@ bool ServiceServer::takeMessage(ServiceConnection& connection, Message&& message
   }
   Slot* slot = slotOf(connection);
   if (!slot) return false;
-  if (auto* batch = std::get_if<BatchMessage>(&message)) {
-    std::move(batch->calls.begin(), batch->calls.end(), std::back_inserter(calls));
-    connection.lastNumber = batch->number;
-    return true;
-  }
-  submit(connection, calls);
+  if (slot->session->take(connection, message)) return true;
+  slot->session->submit(connection);
   if (const auto* start = std::get_if<StartMessage>(&message)) {
+    connection.lastNumber = std::max(connection.lastNumber, start->number);
     connection.started = true;
     connection.answer(StartedMessage{start->number, slot->session->attach()});
-  } else if (const auto* reserve = std::get_if<ReserveMessage>(&message)) {
-    if (reserve->count > 65'536) return false;
-    connection.answer(ReservedMessage{reserve->number, slot->session->reserve(reserve->count)});
   } else if (const auto* bye = std::get_if<GoodbyeMessage>(&message)) {
     goodbye(connection);
     connection.answer(DoneMessage{bye->number});
@@ -215,18 +206,25 @@ bool ServiceServer::takeMessage(ServiceConnection& connection, Message&& message
   return true;
 }
 
-void ServiceServer::submit(ServiceConnection& connection, TransferBatch& calls) {
-  Slot* slot = slotOf(connection);
-  if (calls.empty() || !slot) return;
-  if (slot->launches > 0 && std::any_of(calls.begin(), calls.end(), [](const TransferCall& call) {
-        return call.kind == TransferCall::Kind::Acknowledge;
-      })) {
-    slot->launches = 0;
-  }
-  slot->session->submit(calls);
-  calls.clear();
-  save(*slot);
-  connection.answer(DoneMessage{connection.lastNumber});
+void ServiceServer::handOver(ServiceConnection& connection) {
+  const auto found = connections_.find(connection.fd());
+  ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, found->first, nullptr);
+  slotOf(connection)->session->talk(std::move(found->second));
+  connections_.erase(found);
+}
+
+// It left, or said what concerns more than its session.
+void ServiceServer::takeBack(ServiceSession::Returned returned) {
+  ServiceConnection& connection = *returned.connection;
+  const int fd = connection.fd();
+  connection.started = false;
+  connections_[fd] = std::move(returned.connection);
+  watch(fd, connection.watchesOutput ? EPOLLIN | EPOLLOUT : EPOLLIN, true);
+  const bool sane = returned.message && takeMessage(connection, *std::move(returned.message)) &&
+                    takeMessages(connection);
+  if (!sane) return drop(fd);
+  flush(connection);
+  if (connection.started) handOver(connection);
 }
 
 ServiceServer::Slot& ServiceServer::openSlot(const std::string& key,
@@ -236,8 +234,8 @@ ServiceServer::Slot& ServiceServer::openSlot(const std::string& key,
   const auto found = slots_.find(key);
   if (found != slots_.end()) return found->second;
   const int wakeup = wakeup_.get();
-  auto session =
-      std::make_unique<ServiceSession>(configuration, makeBackend(configuration, fresh), [wakeup] {
+  auto session = std::make_unique<ServiceSession>(
+      registry_, configuration, makeEngine(configuration, fresh), [wakeup] {
         const uint64_t one = 1;
         [[maybe_unused]] const ssize_t written = ::write(wakeup, &one, sizeof(one));
       });
@@ -252,9 +250,8 @@ void ServiceServer::open(ServiceConnection& connection, const OpenMessage& messa
   const std::string key = SessionRegistry::keyOf(message.configuration);
   const auto known = slots_.find(key);
   if (known != slots_.end() && known->second.connection >= 0) {
-    const auto& holder = connections_[known->second.connection];
     answer.refusal = "The session " + message.configuration.identifier + " is held by process " +
-                     std::to_string(holder->process());
+                     std::to_string(known->second.holder);
     answer.held = true;
     return connection.answer(answer);
   }
@@ -265,19 +262,19 @@ void ServiceServer::open(ServiceConnection& connection, const OpenMessage& messa
     for (const SessionRecord& record : registry_.load()) {
       if (wasKnown || SessionRegistry::keyOf(record.configuration) != key) continue;
       slot.session->setWantsToRun(record.wantsToRun);
-      slot.launches = record.launches;
+      slot.session->setLaunches(record.launches);
     }
     // Whoever was not started by this service came by hand.
-    if (slot.launched == 0 || ::getsid(connection.process()) != slot.launched) slot.launches = 0;
+    if (slot.launched == 0 || ::getsid(connection.process()) != slot.launched)
+      slot.session->setLaunches(0);
     slot.launchAtMs = -1;
     slot.connection = connection.fd();
+    slot.holder = connection.process();
     connection.sessionKey = key;
-    if (!message.again) {
-      slot.session->forgetProgress();
-      slot.session->settleDelivered();
-    }
+    slot.session->open(message.front);
+    if (!message.again) slot.session->settleDelivered();
     answer.tasks = slot.session->tasks();
-    save(slot);
+    slot.session->save();
   } catch (const Exception& failure) {
     answer.refusal = failure.reason();
     answer.held = failure.userInfo().count(QNURLSessionHolderKey) != 0;
@@ -300,13 +297,13 @@ void ServiceServer::goodbye(ServiceConnection& connection) {
   if (!slot) return;
   slot->connection = -1;
   slot->session->detach();
-  slot->launches = 0;
+  slot->session->setLaunches(0);
   // Nobody is to be started until an application was here again and left without a word.
   slot->session->setWantsToRun(false);
   auto configuration = slot->session->configuration();
   configuration.launchCommand.reset();
   slot->session->setConfiguration(std::move(configuration));
-  save(*slot);
+  slot->session->save();
 }
 
 void ServiceServer::drop(int fd) {
@@ -322,30 +319,18 @@ void ServiceServer::drop(int fd) {
   considerLaunch(*slot);
 }
 
-void ServiceServer::deliverEvents() {
+void ServiceServer::collect() {
   for (auto& [key, slot] : slots_) {
+    if (auto returned = slot.session->takeReturned(); returned.connection)
+      takeBack(std::move(returned));
+    if (slot.connection >= 0) continue;
     slot.session->collect();
-    if (slot.connection < 0) {
-      considerLaunch(slot);
-      continue;
-    }
-    ServiceConnection& connection = *connections_[slot.connection];
-    if (connection.started) flush(connection);
+    considerLaunch(slot);
   }
 }
 
 void ServiceServer::flush(ServiceConnection& connection) {
-  Slot* slot = slotOf(connection);
-  for (;;) {
-    if (slot && connection.started && connection.hasRoomForEvents()) {
-      EventsMessage events{slot->session->take(kEventsPerMessage)};
-      if (!events.events.empty()) connection.tell(events);
-    }
-    connection.flush();
-    const bool moreEvents = slot && connection.started && connection.hasRoomForEvents() &&
-                            !connection.hasOutput() && slot->session->collect();
-    if (!moreEvents) break;
-  }
+  connection.flush();
   if (connection.watchesOutput == connection.hasOutput()) return;
   connection.watchesOutput = connection.hasOutput();
   watch(connection.fd(), connection.watchesOutput ? EPOLLIN | EPOLLOUT : EPOLLIN, false);
@@ -359,9 +344,7 @@ void ServiceServer::recover() {
     try {
       Slot& slot = openSlot(key, record.configuration, false);
       slot.session->setWantsToRun(record.wantsToRun);
-      slot.launches = record.launches;
-      slot.saved = record;
-      slot.isSaved = true;
+      slot.session->setLaunches(record.launches);
       slot.session->start();
     } catch (const std::exception& failure) {
       logError(std::string("Error: ") + failure.what());
@@ -371,18 +354,19 @@ void ServiceServer::recover() {
 
 void ServiceServer::considerLaunch(Slot& slot) {
   if (slot.connection >= 0 || slot.launched != 0 || slot.launchAtMs >= 0) return;
-  if (!slot.session->configuration().launchCommand || slot.launches >= options_.maximumLaunches)
+  if (!slot.session->configuration().launchCommand ||
+      slot.session->launches() >= options_.maximumLaunches)
     return;
   if (!slot.session->hasEndings() && !slot.session->isStranded()) return;
-  slot.launchAtMs = nowMs() + (options_.launchDelayMs << slot.launches);
+  slot.launchAtMs = nowMs() + (options_.launchDelayMs << slot.session->launches());
 }
 
 void ServiceServer::launchWhatIsDue(int64_t now) {
   for (auto& [key, slot] : slots_) {
     if (slot.launchAtMs < 0 || slot.launchAtMs > now) continue;
     slot.launchAtMs = -1;
-    ++slot.launches;
-    save(slot);
+    slot.session->setLaunches(slot.session->launches() + 1);
+    slot.session->save();
     const auto& configuration = slot.session->configuration();
     int error = 0;
     slot.launched =
@@ -392,18 +376,6 @@ void ServiceServer::launchWhatIsDue(int64_t now) {
              std::to_string(error));
     considerLaunch(slot);
   }
-}
-
-void ServiceServer::save(Slot& slot) {
-  SessionRecord record{slot.session->configuration(), slot.session->wantsToRun(), slot.launches};
-  const auto& old = slot.saved;
-  if (slot.isSaved && old.wantsToRun == record.wantsToRun && old.launches == record.launches &&
-      old.configuration.launchCommand == record.configuration.launchCommand) {
-    return;
-  }
-  registry_.save(record);
-  slot.saved = std::move(record);
-  slot.isSaved = true;
 }
 
 void ServiceServer::dropIdleSessions() {

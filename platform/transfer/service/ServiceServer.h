@@ -41,12 +41,10 @@ class ServiceServer {
  private:
   struct Slot {
     std::unique_ptr<ServiceSession> session;
-    int connection = -1;  // descriptor of the attached client
-    uint32_t launches = 0;
+    int connection = -1;      // descriptor of the attached client
+    pid_t holder = 0;         // its process
     pid_t launched = 0;       // alive, as far as known
     int64_t launchAtMs = -1;  // -1: none is due
-    SessionRecord saved;
-    bool isSaved = false;
   };
 
   void handle(int fd, uint32_t events);
@@ -54,25 +52,26 @@ class ServiceServer {
   void readSignals();
   void reapChildren();
   void readConnection(ServiceConnection& connection);
+  // False when the connection is to end.
   bool takeMessages(ServiceConnection& connection);
   void takeHello(ServiceConnection& connection, const Hello& hello);
-  bool takeMessage(ServiceConnection& connection, Message&& message, TransferBatch& calls);
-  void submit(ServiceConnection& connection, TransferBatch& calls);
+  bool takeMessage(ServiceConnection& connection, Message&& message);
   void open(ServiceConnection& connection, const OpenMessage& message);
+  void handOver(ServiceConnection& connection);
+  void takeBack(ServiceSession::Returned returned);
   void goodbye(ServiceConnection& connection);
   void drop(int fd);
   Slot* slotOf(const ServiceConnection& connection);
   // Fresh: the application starts anew, and an ephemeral session with it.
   Slot& openSlot(const std::string& key, const URLSessionConfiguration& configuration, bool fresh);
 
-  void deliverEvents();
+  void collect();
   void flush(ServiceConnection& connection);
   void watch(int fd, uint32_t events, bool add);
 
   void recover();
   void considerLaunch(Slot& slot);
   void launchWhatIsDue(int64_t nowMs);
-  void save(Slot& slot);
   void dropIdleSessions();
   int timeoutMs(int64_t nowMs);
   static int64_t nowMs();

@@ -4,23 +4,38 @@
 #include <utility>
 
 #include "platform/FileManager.h"
+#include "platform/Mutex.h"
+#include "platform/transfer/service/ServiceLine.h"
 
 namespace platform::service {
+namespace {
+
+constexpr uint32_t kMostReserved = 65'536;
+
+bool isEnding(const TransferEvent& event) {
+  return event.kind == TransferEvent::Kind::Finished || event.kind == TransferEvent::Kind::Failed;
+}
+
+}  // namespace
 
 struct ServiceSession::Inbox {
   std::function<void()> wake;
   Mutex mutex;
   std::vector<TransferEvent> events GUARDED_BY(mutex);
+  Returned returned GUARDED_BY(mutex);
 };
 
-ServiceSession::ServiceSession(URLSessionConfiguration configuration,
-                               std::unique_ptr<TransferBackend> backend, std::function<void()> wake)
-    : configuration_(std::move(configuration)),
-      backend_(std::move(backend)),
-      inbox_(std::make_shared<Inbox>()) {
+ServiceSession::ServiceSession(const SessionRegistry& registry,
+                               URLSessionConfiguration configuration,
+                               std::unique_ptr<TransferEngine> engine, std::function<void()> wake)
+    : registry_(registry),
+      configuration_(std::move(configuration)),
+      inbox_(std::make_shared<Inbox>()),
+      engine_(std::move(engine)) {
   inbox_->wake = std::move(wake);
-  for (const TransferTaskInfo& task : backend_->tasks()) {
-    if (task.stage == TransferStage::None) unfinished_[task.id] = task.running;
+  engine_->serveFront();
+  for (const TransferTaskInfo& task : engine_->tasks()) {
+    if (task.stage == TransferStage::None) setUnfinished(task.id, task.running);
   }
 }
 
@@ -29,108 +44,224 @@ ServiceSession::~ServiceSession() {
 }
 
 void ServiceSession::close() {
-  backend_->close();
+  engine_->close();
 }
 
-TransferTaskId ServiceSession::reserve(uint32_t count) {
-  const TransferTaskId first = backend_->nextIdentifier();
-  for (uint32_t i = 1; i < count; ++i)
-    backend_->nextIdentifier();
-  return first;
+void ServiceSession::setConfiguration(URLSessionConfiguration configuration) {
+  configuration_ = std::move(configuration);
 }
 
-void ServiceSession::submit(const TransferBatch& calls) {
-  for (const TransferCall& call : calls)
+// --- What a client says -------------------------------------------------------------------------
+
+// After this service, or the one before it, lost a client it repeats what was not answered. Each
+// batch takes effect once: its number is stored in its own transaction. The other messages may come
+// twice: numbers that were reserved in vain are never used, who starts again is told again what he
+// has not acknowledged, and knows what he was told; and a second goodbye finds nothing to do.
+void ServiceSession::open(uint64_t front) {
+  const TransferMark mark = engine_->storedMark();
+  if (front_ != front) applied_ = mark.front == front ? mark.number : 0;
+  front_ = front;
+}
+
+void ServiceSession::settleDelivered() {
+  collect();
+  TransferBatch delivered;
+  for (const TransferEvent& ending : engine_->heldEvents()) {
+    if (ending.kind != TransferEvent::Kind::Finished ||
+        FileManager::defaultManager().fileExistsAtPath(ending.path))
+      continue;
+    TransferCall call;
+    call.kind = TransferCall::Kind::Acknowledge;
+    call.task = ending.task;
     note(call);
-  backend_->submit(calls, TransferBackend::Durability::Now);
+    delivered.push_back(std::move(call));
+  }
+  if (!delivered.empty()) engine_->submit(delivered, TransferBackend::Durability::Now);
+}
+
+bool ServiceSession::take(ServiceConnection& connection, Message& message) {
+  if (auto* batch = std::get_if<BatchMessage>(&message)) {
+    connection.lastNumber = batch->number;
+    if (batch->number <= applied_) return true;
+    auto& calls = connection.calls;
+    calls.insert(calls.end(), std::make_move_iterator(batch->calls.begin()),
+                 std::make_move_iterator(batch->calls.end()));
+    connection.callsAreWhole = !batch->more;
+    connection.callsAreUrgent = connection.callsAreUrgent || batch->now;
+    return true;
+  }
+  const auto* reserve = std::get_if<ReserveMessage>(&message);
+  if (!reserve || reserve->count > kMostReserved) return false;
+  connection.lastNumber = reserve->number;
+  const TransferTaskId first = engine_->nextIdentifier();
+  for (uint32_t i = 1; i < reserve->count; ++i)
+    engine_->nextIdentifier();
+  connection.answer(ReservedMessage{reserve->number, first});
+  return true;
+}
+
+void ServiceSession::submit(ServiceConnection& connection) {
+  if (!connection.callsAreWhole) return;
+  const TransferBatch calls = std::exchange(connection.calls, {});
+  const bool urgent = std::exchange(connection.callsAreUrgent, false);
+  if (!calls.empty()) {
+    applied_ = connection.lastNumber;
+    for (const TransferCall& call : calls)
+      note(call);
+    using Durability = TransferBackend::Durability;
+    const bool now = urgent || !started_;
+    engine_->submitMarked(calls, now ? Durability::Now : Durability::Soon, {front_, applied_});
+    save();
+  }
+  acknowledge(connection);
+}
+
+void ServiceSession::acknowledge(ServiceConnection& connection) const {
+  const TransferMark mark = engine_->storedMark();
+  const uint64_t number = std::min(mark.number, connection.lastNumber);
+  if (mark.front != front_ || number <= connection.acknowledged) return;
+  connection.acknowledged = number;
+  connection.answer(DoneMessage{number});
 }
 
 void ServiceSession::note(const TransferCall& call) {
   switch (call.kind) {
     case TransferCall::Kind::Create:
-      unfinished_.try_emplace(call.task, false);
+      if (!unfinished_.contains(call.task)) setUnfinished(call.task, false);
       break;
     case TransferCall::Kind::Resume:
     case TransferCall::Kind::Suspend:
       wantsToRun_ = call.kind == TransferCall::Kind::Resume;
-      if (const auto found = unfinished_.find(call.task); found != unfinished_.end())
-        found->second = wantsToRun_;
+      if (unfinished_.contains(call.task)) setUnfinished(call.task, wantsToRun_);
       break;
     case TransferCall::Kind::Cancel:
-      unfinished_.erase(call.task);
+      forget(call.task);
       break;
     case TransferCall::Kind::Acknowledge:
-      unfinished_.erase(call.task);
+      forget(call.task);
       endings_.erase(call.task);
       pending_.erase(call.task);
+      launches_ = 0;
       break;
     case TransferCall::Kind::SetDescription:
       break;
   }
 }
 
+void ServiceSession::setUnfinished(TransferTaskId task, bool running) {
+  const auto [found, isNew] = unfinished_.try_emplace(task, running);
+  if (!isNew && found->second) --running_;
+  found->second = running;
+  if (running) ++running_;
+}
+
+void ServiceSession::forget(TransferTaskId task) {
+  const auto found = unfinished_.find(task);
+  if (found == unfinished_.end()) return;
+  if (found->second) --running_;
+  unfinished_.erase(found);
+}
+
+void ServiceSession::save() {
+  if (isSaved_ && saved_.wantsToRun == wantsToRun_ && saved_.launches == launches_ &&
+      saved_.configuration.launchCommand == configuration_.launchCommand) {
+    return;
+  }
+  saved_ = {configuration_, wantsToRun_, launches_};
+  isSaved_ = true;
+  registry_.save(saved_);
+}
+
+// --- Attaching ----------------------------------------------------------------------------------
+
 void ServiceSession::start() {
   if (std::exchange(started_, true)) return;
-  backend_->start([inbox = inbox_](std::vector<TransferEvent>&& events) {
-    {
-      MutexLock lock(inbox->mutex);
-      std::move(events.begin(), events.end(), std::back_inserter(inbox->events));
-    }
-    inbox->wake();
-  });
+  engine_->start([this](std::vector<TransferEvent>&& events) { hear(std::move(events)); });
 }
 
 size_t ServiceSession::attach() {
-  attached_ = true;
   start();
   collect();
-  for (auto& [id, ending] : endings_) {
-    ending.held = true;
-    put(TransferEvent(ending));
-  }
-  return endings_.size();
+  attached_ = true;
+  order_.clear();
+  pending_.clear();
+  auto held = engine_->heldEvents();
+  const size_t count = held.size();
+  for (TransferEvent& ending : held)
+    put(std::move(ending));
+  return count;
 }
 
-void ServiceSession::forgetProgress() {
+void ServiceSession::detach() {
   collect();
+  attached_ = false;
   order_.clear();
   pending_.clear();
 }
 
-void ServiceSession::settleDelivered() {
-  collect();
-  TransferBatch delivered;
-  for (const auto& [id, ending] : endings_) {
-    if (ending.kind != TransferEvent::Kind::Finished ||
-        FileManager::defaultManager().fileExistsAtPath(ending.path))
-      continue;
-    TransferCall call;
-    call.kind = TransferCall::Kind::Acknowledge;
-    call.task = id;
-    delivered.push_back(call);
-  }
-  if (!delivered.empty()) submit(delivered);
+void ServiceSession::talk(std::unique_ptr<ServiceConnection> connection) {
+  auto line = std::make_shared<ServiceLine>(std::move(connection), *this);
+  engine_->post([this, line](CurlLoop& loop) {
+    isTalking_.store(true);
+    collect();
+    line_ = line;
+    line_->begin(loop);
+  });
 }
 
-bool ServiceSession::collect() {
+// On the engine's thread.
+void ServiceSession::giveBack(Returned returned) {
+  isTalking_.store(false);
+  {
+    MutexLock lock(inbox_->mutex);
+    inbox_->returned = std::move(returned);
+  }
+  inbox_->wake();
+}
+
+ServiceSession::Returned ServiceSession::takeReturned() {
+  MutexLock lock(inbox_->mutex);
+  return std::exchange(inbox_->returned, {});
+}
+
+// --- What the engine tells ----------------------------------------------------------------------
+
+// On the engine's thread, or on the service's while it submits.
+void ServiceSession::hear(std::vector<TransferEvent>&& events) {
+  if (isTalking_.load()) {
+    takeIn(std::move(events));
+    return line_->flush();
+  }
+  if (events.empty()) return;
+  {
+    MutexLock lock(inbox_->mutex);
+    std::move(events.begin(), events.end(), std::back_inserter(inbox_->events));
+  }
+  inbox_->wake();
+}
+
+void ServiceSession::collect() {
   std::vector<TransferEvent> events;
   {
     MutexLock lock(inbox_->mutex);
     events.swap(inbox_->events);
   }
+  takeIn(std::move(events));
+}
+
+void ServiceSession::takeIn(std::vector<TransferEvent>&& events) {
   for (TransferEvent& event : events) {
-    const bool ending =
-        event.kind == TransferEvent::Kind::Finished || event.kind == TransferEvent::Kind::Failed;
-    if (ending) {
-      unfinished_.erase(event.task);
-      endings_[event.task] = event;
+    if (isEnding(event)) {
+      forget(event.task);
+      endings_.insert(event.task);
     }
-    put(std::move(event));
+    // To whoever comes later the store tells it.
+    if (attached_) put(std::move(event));
   }
-  return attached_ && !order_.empty();
 }
 
 void ServiceSession::put(TransferEvent&& event) {
+  if (isEnding(event)) endings_.insert(event.task);
   auto [found, isNew] = pending_.try_emplace(event.task);
   if (isNew) order_.push_back(event.task);
   auto& events = found->second.events;
@@ -139,7 +270,7 @@ void ServiceSession::put(TransferEvent&& event) {
   events.push_back(std::move(event));
 }
 
-std::vector<TransferEvent> ServiceSession::take(size_t most) {
+std::vector<TransferEvent> ServiceSession::takeEvents(size_t most) {
   std::vector<TransferEvent> events;
   while (!order_.empty() && events.size() < most) {
     const auto found = pending_.find(order_.front());
@@ -149,16 +280,6 @@ std::vector<TransferEvent> ServiceSession::take(size_t most) {
     pending_.erase(found);
   }
   return events;
-}
-
-bool ServiceSession::isBusy() const {
-  return std::any_of(unfinished_.begin(), unfinished_.end(),
-                     [](const auto& task) { return task.second; });
-}
-
-bool ServiceSession::isStranded() const {
-  return wantsToRun_ && std::any_of(unfinished_.begin(), unfinished_.end(),
-                                    [](const auto& t) { return !t.second; });
 }
 
 }  // namespace platform::service
