@@ -62,7 +62,7 @@ QNDownloadStatus QNMovieDownloadSet::status() const {
 QNDownloadSize QNMovieDownloadSet::expectedBytesFor(const std::vector<QualityInfo>& infos) {
   int64_t sum = 0;
   for (const QualityInfo& info : infos)
-    sum += info->expectedBytes().value;
+    sum = QNSumOfSizes(sum, info->expectedBytes().value);
   return QNMakeDownloadSize(sum, true);
 }
 
@@ -83,8 +83,8 @@ std::vector<QNMovieDownloadSet::Quality> QNMovieDownloadSet::_qualitiesWithQuali
 }
 
 QNDownloadSize QNMovieDownloadSet::_expectedBytes() const {
-  return QNMakeDownloadSize(expectedBytesFor(selectedQualitiesInfo_).value +
-                                expectedBytesFor(downloadedQualitiesInfo_).value,
+  return QNMakeDownloadSize(QNSumOfSizes(expectedBytesFor(selectedQualitiesInfo_).value,
+                                         expectedBytesFor(downloadedQualitiesInfo_).value),
                             true);
 }
 
@@ -110,7 +110,7 @@ QNDownloadSize QNMovieDownloadSet::totalSize() const {
   for (const QualityInfo& info : qualities_) {
     const QNDownloadSize expected = info->expectedBytes();
     if (QNDownloadSizeIsUnknown(expected)) return QNDownloadSizeUnknown;
-    total.value += expected.value;
+    total.value = QNSumOfSizes(total.value, expected.value);
     total.estimated = total.estimated || expected.estimated;
   }
   return total;
@@ -268,7 +268,7 @@ void QNMovieDownloadSet::_checkInvariants() const {
     const bool isSized = !QNDownloadSizeIsUnknown(expected);
     sized += isSized;
     estimated += isSized && expected.estimated;
-    if (isSized) sum += expected.value;
+    if (isSized) sum = QNSumOfSizes(sum, expected.value);
     active += info->status() != QNDownloadStatusIdle;
     running += info->status() == QNDownloadStatusRunning;
     completed += info->completed();

@@ -76,7 +76,7 @@ void QNQualityDownloadInfo::construct(const std::string& baseURL,
     const QNDownloadSize expected = resource->expectedBytes();
     if (QNDownloadSizeIsUnknown(expected)) continue;
     sizedBytes_.value =
-        QNDownloadSizeIsUnknown(sizedBytes_) ? expected.value : sizedBytes_.value + expected.value;
+        numSized_ == 0 ? expected.value : QNSumOfSizes(sizedBytes_.value, expected.value);
     ++numSized_;
     if (expected.estimated) {
       sizedBytes_.estimated = true;
@@ -90,7 +90,7 @@ QNDownloadSize QNQualityDownloadInfo::fallbackSize(size_t resourceCount) const {
   if (!track || !(track->duration() > 0)) return QNDownloadSizeUnknown;
   // A duration that no file has would overflow; it says nothing about sizes either.
   const double bits = static_cast<double>(quality_->bitrate()) * track->duration();
-  if (!(bits < 0x1p62)) return QNDownloadSizeUnknown;
+  if (!(bits < 0x1p63)) return QNDownloadSizeUnknown;
   const auto totalBits = static_cast<int64_t>(bits);
   const double share = static_cast<double>(totalBits) / (static_cast<double>(resourceCount) * 8.0);
   return QNMakeDownloadSize(static_cast<int64_t>(share), true);
@@ -383,7 +383,7 @@ void QNQualityDownloadInfo::_checkInvariants() const {
     const bool isIdle = resource->status() == QNDownloadStatusIdle;
     sized += isSized;
     estimated += isSized && expected.estimated;
-    if (isSized) sum += expected.value;
+    if (isSized) sum = QNSumOfSizes(sum, expected.value);
     active += !isIdle;
     running += resource->status() == QNDownloadStatusRunning;
     completed += resource->completed();
