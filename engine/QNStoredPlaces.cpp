@@ -84,11 +84,9 @@ void QNStoredPlaces::add(const QNRangedURL& resource, Table& table) {
   if (place.empty()) return;
   const QNRangedURL* const first = table.firstAt(place, &resource);
   if (first == &resource) return;
-  if (isSameContent(*first, resource)) {
-    hasShared_ = true;
-  } else {
-    contended_.insert(std::string(place));
-  }
+  // Of three that compete the last two may be the same.
+  hasShared_ = true;
+  if (!isSameContent(*first, resource)) contended_.insert(std::string(place));
 }
 
 void QNStoredPlaces::setProperties(std::shared_ptr<QNMutableMovieDownloadProperties> properties) {

@@ -46,7 +46,8 @@ class QNStoredPlaces {
   void willStore(const QNResourceDownloadInfo& resource);
   void didRemove(const std::string& place);
 
-  // The files that hold resources of these qualities; empty when no two resources share one.
+  // The files that hold resources of these qualities; empty when every resource has a file of its
+  // own.
   std::unordered_set<std::string> placesKeptBy(const std::vector<QualityInfo>& others) const;
   bool hasSharedPlaces() const { return hasShared_; }
 

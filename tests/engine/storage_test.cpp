@@ -193,6 +193,20 @@ TEST_F(SetStorage, AFileThatTwoRangesCompeteForIsOfTheOneThatIsRecorded) {
   set->removeDownloadedQuality(quality(1));
   EXPECT_EQ(set->errorForPlace(*info(0)->resources()[0]), nullptr);
   EXPECT_EQ(stored(), "v/1 ");
+
+  // Two of those that compete may be the same, and keep the file for each other.
+  directory.write("all.mp4", "12345");
+  set->properties()->setObjectForKey(
+      platform::JSON::fromObject({{"all.mp4", "bytes=200-300 http://h/all.mp4"}}),
+      "QNStoredRanges");
+  make({{QNMediaTypeVideo, "v", {"all.mp4@0+100"}},
+        {QNMediaTypeAudio, "a", {"all.mp4@200+300"}},
+        {QNMediaTypeAudio, "b", {"all.mp4@200+300"}}});
+  EXPECT_EQ(render(*set), "idle selected downloaded a b completed 0 failed 0");
+  set->removeDownloadedQuality(quality(1));
+  EXPECT_EQ(stored(), "all.mp4 v/1 ");
+  set->removeDownloadedQuality(quality(2));
+  EXPECT_EQ(stored(), "v/1 ");
 }
 
 TEST_F(SetStorage, PropertiesOfOneDirectoryAreOneObject) {
