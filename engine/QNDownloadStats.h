@@ -4,7 +4,8 @@
 
 #include "engine/QNDownloadTypes.h"
 
-// What resources, qualities and sets tell of their size.
+// What resources, qualities and sets tell of their size, in bytes. A set may be asked on any
+// thread, the others by the holder of its lock.
 class QN_EXPORT QNDownloadStats {
  public:
   virtual ~QNDownloadStats() = default;

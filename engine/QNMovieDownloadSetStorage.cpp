@@ -225,6 +225,7 @@ bool QNMovieDownloadSet::_removeDownloadedQuality(const QualityInfo& info,
   size_t failures = 0;
   std::unordered_set<std::string> gone;
   for (const Resource& resource : info->resources()) {
+    if (removed_) break;  // what lies there is another download's
     const auto place = places_->placeOf(*resource);
     if (!place || kept.contains(*place) || !places_->isStoredFor(*resource, *place)) continue;
     const std::string path = places_->pathOf(*place);

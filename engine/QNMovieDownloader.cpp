@@ -1,5 +1,6 @@
 #include "engine/QNMovieDownloader.h"
 
+#include <algorithm>
 #include <any>
 #include <atomic>
 #include <chrono>
@@ -18,6 +19,7 @@
 #include "platform/host/QNLog.h"
 #include "playlist/QNPlaylist.h"
 #include "playlist/QNPlaylistFactory.h"
+#include "qnc/qncFastString.h"
 
 using platform::FileManager;
 using platform::RecursiveLock;
@@ -66,11 +68,27 @@ std::string extensionOf(const std::string& name) {
   return dot == std::string::npos || dot == 0 ? "" : name.substr(dot + 1);
 }
 
+// How many bytes at the end begin a UTF-8 character that is not whole.
+size_t bytesOfCutCharacter(std::string_view text) {
+  for (size_t count = 1; count <= std::min<size_t>(3, text.size()); ++count) {
+    const auto byte = static_cast<unsigned char>(text[text.size() - count]);
+    if (byte < 0x80) return 0;
+    if (byte < 0xC0) continue;  // not the first of its character
+    const size_t whole = byte < 0xE0 ? 2 : byte < 0xF0 ? 3 : 4;
+    return count < whole ? count : 0;
+  }
+  return 0;
+}
+
 bool looksLikeManifest(const std::string& path) {
   const auto bytes = FileManager::defaultManager().contentsAtPath(path, kSniffedBytes);
   if (!bytes) return false;
-  const std::string_view text(reinterpret_cast<const char*>(bytes->data()), bytes->size());
-  return text.find("MPD") != std::string_view::npos;
+  std::string_view text(reinterpret_cast<const char*>(bytes->data()), bytes->size());
+  if (text.find("MPD") == std::string_view::npos) return false;
+  // A text, and not a segment that has these bytes by chance; the limit may have cut its last
+  // character.
+  if (text.size() == kSniffedBytes) text.remove_suffix(bytesOfCutCharacter(text));
+  return qnc::FastString(text).isValidUTF8();
 }
 
 // What could not be stored of a manifest: the fixed reason, and what the file system said.
@@ -223,12 +241,12 @@ void QNMovieDownloader::start(const std::optional<std::string>& identifier,
 }
 
 std::string QNMovieDownloader::downloadPath() const {
-  RecursiveLock lock(mutex_);
+  platform::MutexLock lock(pathMutex_);
   return downloadPath_;
 }
 
 void QNMovieDownloader::setDownloadPath(std::string path) {
-  RecursiveLock lock(mutex_);
+  platform::MutexLock lock(pathMutex_);
   downloadPath_ = std::move(path);
 }
 
@@ -460,6 +478,8 @@ QNMovieDownloader::Set QNMovieDownloader::storeDownloadSetForURL(
     const std::string& url, const std::shared_ptr<QNPlaylist>& playlist,
     const platform::DataPtr& manifest, platform::ErrorPtr* error) {
   RecursiveLock lock(mutex_);
+  platform::ErrorPtr ignored;
+  if (!error) error = &ignored;
   const std::string downloadId = downloadIdWithURL(url);
   // Another fetch of the same download may have been faster.
   if (Set set = activeSet(downloadId)) return set;

@@ -56,7 +56,8 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
   static std::shared_ptr<QNMovieDownloader> initWithIdentifier(
       std::optional<std::string> identifier);
   static std::shared_ptr<QNMovieDownloader> init();
-  // One for the process, "QNMovieDownloader/SharedSession", made with the first call.
+  // One for the process, "QNMovieDownloader/SharedSession", made with the first call (which throws
+  // what opening the session throws; the next one tries again).
   static std::shared_ptr<QNMovieDownloader> sharedDownloader();
   // For every downloader that is made from now on, before its own `configure`.
   static void setConfigureSession(ConfigureSession configure);
@@ -100,9 +101,9 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
   // that is released meanwhile gives URLErrorCancelled.
   void fetchDownloadSetForURL(const std::string& url, FetchCompletion block);
   // Own addition: the second half of a fetch, for a manifest that the caller fetched. Null with an
-  // error when the playlist is not usable, before anything was stored, or when the manifest cannot
-  // be stored: then QNUnderlyingErrorKey holds what the file system said. A set that is active
-  // already is returned instead; a stored manifest is replaced.
+  // `error` (may be null) when the playlist is not usable, before anything was stored, or when the
+  // manifest cannot be stored: then QNUnderlyingErrorKey holds what the file system said. A set
+  // that is active already is returned instead; a stored manifest is replaced.
   Set storeDownloadSetForURL(const std::string& url, const std::shared_ptr<QNPlaylist>& playlist,
                              const platform::DataPtr& manifest, platform::ErrorPtr* error);
 
@@ -213,7 +214,9 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
   std::shared_ptr<platform::URLSession> session_;
   std::vector<platform::NotificationCenter::Observer> observers_;
 
-  std::string downloadPath_ GUARDED_BY(mutex_);
+  // The path has a lock of its own, so that what only reads files waits for nobody.
+  mutable platform::Mutex pathMutex_;
+  std::string downloadPath_ GUARDED_BY(pathMutex_);
   QNHeadersPtr additionalHeaders_ GUARDED_BY(mutex_);
   std::map<std::string, Set> downloadIdSetMap_ GUARDED_BY(mutex_);
   std::unordered_map<Task, Resource> tasks_ GUARDED_BY(mutex_);

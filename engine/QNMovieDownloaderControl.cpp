@@ -1,4 +1,4 @@
-#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <utility>
 
@@ -73,6 +73,8 @@ platform::ErrorPtr removeDownload(const std::string& root, const std::string& pa
   (void)files.createDirectoryWithIntermediates(parent);
   const bool isAway = files.moveItem(path, removed) == nullptr;
   auto error = files.removeItem(isAway ? removed : path);
+  // What an earlier launch left is deleted in the background, this with it if it is faster.
+  if (isAway && error && error->code() == ENOENT) error = nullptr;
   const auto others = files.contentsOfDirectory(parent);
   if (others && others->empty()) (void)files.removeItem(parent);
   return error;
@@ -140,16 +142,24 @@ bool QNMovieDownloader::remove(const Set& set) {
   RecursiveLock lock(mutex_);
   const auto task = begin("QNMovieDownloader: Remove download");
   _validateSet(set);
-  // From here on a delegate cannot start it again, or write to its directory.
-  set->setRemoved(true);
-  if (set->status() != QNDownloadStatusIdle) _cancel(set);
-  try {
-    _remove(set);
-  } catch (...) {
-    set->setRemoved(false);
-    throw;
+  // The identifier decides: what is active may be a later object of the same download. From here on
+  // a delegate can start neither again, and neither writes to the directory.
+  const Set active = activeSet(set->downloadId());
+  for (const Set& one : {set, active})
+    one->setRemoved(true);
+  for (const Set& one : {set, active}) {
+    if (one->status() != QNDownloadStatusIdle) _cancel(one);
   }
-  downloadIdSetMap_.erase(set->downloadId());
+  // A delegate may have removed it meanwhile, and put another download in its place.
+  if (isActive(active)) {
+    try {
+      _remove(set);
+    } catch (...) {
+      active->setRemoved(false);
+      throw;
+    }
+    downloadIdSetMap_.erase(active->downloadId());
+  }
   end(task);
   return true;
 }
@@ -233,15 +243,16 @@ void QNMovieDownloader::removeAll() {
 // The downloads first, each in one step, so that a kill leaves whole ones only.
 void QNMovieDownloader::_removeRoot() {
   auto& files = FileManager::defaultManager();
-  if (!files.fileExistsAtPath(downloadPath_)) return;
+  const std::string root = downloadPath();
+  if (!files.fileExistsAtPath(root)) return;
   for (const auto& entry :
-       files.contentsOfDirectory(downloadPath_).value_or(std::vector<FileManager::Entry>())) {
-    const std::string path = FileManager::pathByAppending(downloadPath_, entry.name);
+       files.contentsOfDirectory(root).value_or(std::vector<FileManager::Entry>())) {
+    const std::string path = FileManager::pathByAppending(root, entry.name);
     if (entry.isDirectory && entry.name != kRemovedDirectory &&
         files.fileExistsAtPath(FileManager::pathByAppending(path, QNMoviePropertiesFileName)))
-      (void)removeDownload(downloadPath_, path);
+      (void)removeDownload(root, path);
   }
-  if (auto error = files.removeItem(downloadPath_)) {
+  if (auto error = files.removeItem(root)) {
     throw platform::Exception(QNMovieDownloaderException, "Failed to remove all downloader files",
                               {{"NSError", std::move(error)}});
   }

@@ -1,6 +1,8 @@
 #include <any>
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
+#include <future>
 
 #include <gtest/gtest.h>
 
@@ -120,6 +122,7 @@ TEST_F(Downloader, FindsTheStoredManifestWhateverItIsCalled) {
   const std::string properties =
       R"({"QNDownloadSetSourceURL":"u","QNDownloadSetManifestName":"Manifest.ism"})";
   const std::string late = std::string(1024, ' ') + "MPD";
+  const std::string cut = "MPD" + std::string(1020, ' ') + "\xc3\xa9";  // after 1024 bytes
   const Row rows[] = {
       {{}, "manifest.mpd"},
       {{{"manifest.mpd", ""}, {"stream.mpd", ""}}, "manifest.mpd"},
@@ -131,6 +134,8 @@ TEST_F(Downloader, FindsTheStoredManifestWhateverItIsCalled) {
       {{{"index", "<MPD>"}, {"x", "nothing"}}, "index"},
       {{{"a.xml", "MPD"}, {"a.mp4", "MPD"}, {"a.json", "MPD"}}, "manifest.mpd"},
       {{{"index", late}}, "manifest.mpd"},
+      {{{"index", cut}}, "index"},
+      {{{"segment", std::string("\0\0\0\x18styp\xff", 9) + cut}}, "manifest.mpd"},
       {{{"directory.mpd/file", "x"}}, "manifest.mpd"},
       // What a write that was killed left behind is no manifest.
       {{{".qn-1-2-3.tmp", "<MPD>"}}, "manifest.mpd"},
@@ -399,8 +404,55 @@ TEST_F(Downloader, TellsWhatKeepsADownloadFromBeingRemoved) {
   EXPECT_EQ(all.reason(), "Failed to remove all downloader files");
   EXPECT_EQ(render(std::any_cast<platform::ErrorPtr>(all.userInfo().at("NSError"))),
             "NSPOSIXErrorDomain " + std::to_string(EACCES));
-  world.files.setFault(nullptr);
-  EXPECT_TRUE(world.downloader->remove(set));
+  // Another launch may delete what is on its way out, and be faster.
+  world.files.setFault([](const auto& method, const auto& path) {
+    return method == "removeItem" && path.find("/.qn-removed/") != std::string::npos ? ENOENT : 0;
+  });
+  EXPECT_TRUE(world.downloader->remove(movie()));
+}
+
+TEST_F(Downloader, ARemovedSetLeavesTheOneInItsPlaceAlone) {
+  const auto old = started();
+  std::shared_ptr<QNMovieDownloadSet> fresh;
+  world.delegate->react = [&](const auto& told, const std::string& line) {
+    if (fresh || line != "status idle") return;
+    world.downloader->remove(told);
+    fresh = movie();
+    fresh->selectAllQualities();
+    EXPECT_TRUE(world.downloader->download(fresh));
+  };
+  // While it is being removed its delegate removes it, and starts it anew.
+  EXPECT_TRUE(world.downloader->remove(old));
+  EXPECT_EQ(world.downloader->fetchActiveDownloadSetForURL(world.url), fresh);
+  world.serveAll();
+  old->removeAllDownloadedQualities();
+  EXPECT_EQ(world.stored(), "a/1 a/2 v/1 v/2 v/3 ");
+  // The identifier says what is removed: nothing of the other goes on.
+  fresh->removeAllDownloadedQualities();
+  fresh->selectAllQualities();
+  ASSERT_TRUE(world.downloader->download(fresh));
+  EXPECT_TRUE(world.downloader->remove(old));
+  EXPECT_EQ(fresh->status(), QNDownloadStatusIdle);
+  EXPECT_FALSE(fresh->downloadWithAdditionalHeaders(nullptr));
+  world.serveAll();
+  EXPECT_FALSE(std::filesystem::exists(world.directory()));
+}
+
+TEST_F(Downloader, ListsWhatIsStoredWithoutWaitingForTheLock) {
+  const auto set = movie();
+  std::future<size_t> listed;
+  bool waited = true;
+  {
+    platform::RecursiveLock lock(*set->mutex());
+    listed = std::async(std::launch::async, [&] {
+      const std::string id = world.downloader->downloadIdWithURL(world.url);
+      EXPECT_EQ(world.downloader->findManifestLocalNameForDownloadId(id), "manifest.mpd");
+      return world.downloader->downloadedMovies().size();
+    });
+    waited = listed.wait_for(std::chrono::minutes(1)) != std::future_status::ready;
+  }
+  EXPECT_FALSE(waited);
+  EXPECT_EQ(listed.get(), 1U);
 }
 
 TEST_F(Downloader, RemovesEverythingAlsoWhatWasNeverActive) {
