@@ -18,11 +18,11 @@ namespace {
 using platform::URLSessionTaskState;
 using qntest::DownloaderWorld;
 using qntest::numbered;
-using qntest::QualitySpec;
+using qntest::QualityPlan;
 using qntest::readFile;
 using qntest::render;
 
-const std::vector<QualitySpec> kMovie = {{QNMediaTypeVideo, "v", {"v/1", "v/2", "v/3"}},
+const std::vector<QualityPlan> kMovie = {{QNMediaTypeVideo, "v", {"v/1", "v/2", "v/3"}},
                                          {QNMediaTypeAudio, "a", {"a/1", "a/2"}}};
 
 class Downloader : public testing::Test {
@@ -41,13 +41,13 @@ class Downloader : public testing::Test {
   }
 
   // An active set over the usual movie.
-  std::shared_ptr<QNMovieDownloadSet> movie(const std::vector<QualitySpec>& qualities = kMovie) {
+  std::shared_ptr<QNMovieDownloadSet> movie(const std::vector<QualityPlan>& qualities = kMovie) {
     world.storeManifest(qualities);
     if (!world.downloader) world.launch();
     return world.activate();
   }
 
-  std::shared_ptr<QNMovieDownloadSet> started(const std::vector<QualitySpec>& qualities = kMovie) {
+  std::shared_ptr<QNMovieDownloadSet> started(const std::vector<QualityPlan>& qualities = kMovie) {
     auto set = movie(qualities);
     set->selectAllQualities();
     EXPECT_TRUE(world.downloader->download(set));

@@ -12,13 +12,13 @@ namespace {
 
 using qntest::numbered;
 using qntest::PlainController;
-using qntest::QualitySpec;
+using qntest::QualityPlan;
 using qntest::render;
 
 class Quality : public testing::Test {
  protected:
-  void make(const QualitySpec& spec) {
-    playlist = qntest::makePlaylist({spec});
+  void make(const QualityPlan& plan) {
+    playlist = qntest::makePlaylist({plan});
     const auto& track = playlist->movies()[0]->tracks()[0];
     info = QNQualityDownloadInfo::infoWithBaseURL("http://host/", "/downloads/x",
                                                   track->qualities()[0], nullptr, controller);
@@ -172,16 +172,16 @@ TEST_F(Quality, KeepsItsWindowFullInListOrder) {
 
 TEST_F(Quality, RollsSizesUpByDifferences) {
   struct Row {
-    QualitySpec spec;
+    QualityPlan plan;
     const char* script;
     const char* expected;  // of the quality
     const char* counters;
     int64_t downloaded;
   };
-  const QualitySpec estimated{QNMediaTypeVideo, "v", numbered("s", 10), 800000, 100};
-  const QualitySpec unknown{QNMediaTypeVideo, "v", numbered("s", 10), 800000, 0};
-  const QualitySpec stated{QNMediaTypeVideo, "v", {"a@0+100", "b@0+50"}, 800000, 100};
-  const QualitySpec mixed{QNMediaTypeVideo, "v", {"a@0+100", "b"}, 80, 10};
+  const QualityPlan estimated{QNMediaTypeVideo, "v", numbered("s", 10), 800000, 100};
+  const QualityPlan unknown{QNMediaTypeVideo, "v", numbered("s", 10), 800000, 0};
+  const QualityPlan stated{QNMediaTypeVideo, "v", {"a@0+100", "b@0+50"}, 800000, 100};
+  const QualityPlan mixed{QNMediaTypeVideo, "v", {"a@0+100", "b"}, 80, 10};
   const Row rows[] = {
       {estimated, "", "10000000~", "sized 10 estimated 10", 0},
       {estimated, "bytes 0 5 200", "9000200~", "sized 10 estimated 9", 5},
@@ -214,7 +214,7 @@ TEST_F(Quality, RollsSizesUpByDifferences) {
       {{QNMediaTypeVideo, "v", {"a", "b"}, 3, 9}, "", "2~", "sized 2 estimated 2", 0},
   };
   for (const Row& row : rows) {
-    make(row.spec);
+    make(row.plan);
     apply(row.script);
     EXPECT_EQ(render(info->expectedBytes()), row.expected) << row.script;
     EXPECT_NE(render(*info).find(row.counters), std::string::npos)

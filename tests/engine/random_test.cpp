@@ -15,11 +15,11 @@
 namespace {
 
 using qntest::DownloaderWorld;
-using qntest::QualitySpec;
+using qntest::QualityPlan;
 
 // Qualities that share a file, list more than fits the window, list one thing that has no place,
 // have stated and unknown sizes.
-const std::vector<QualitySpec> kMovie = {
+const std::vector<QualityPlan> kMovie = {
     {QNMediaTypeVideo, "v", {"init", "v/1", "v/2", "v/3", "v/4", "v/5", "v/6"}, 80000},
     {QNMediaTypeVideo, "w", {"init", "w/1", "w/2"}, 800},
     {QNMediaTypeAudio, "a", {"a/1", "manifest.mpd", "a/2"}},
@@ -53,8 +53,8 @@ class Storm {
       if (!world_.downloader->download(set_)) break;
     }
     EXPECT_EQ(world_.stored(), "a/1 a/2 init t/1 v/1 v/2 v/3 v/4 v/5 v/6 w/1 w/2 ");
-    for (const QualitySpec& spec : kMovie) {
-      for (const std::string& name : spec.resources) {
+    for (const QualityPlan& plan : kMovie) {
+      for (const std::string& name : plan.resources) {
         if (name == "manifest.mpd") continue;
         EXPECT_EQ(qntest::readFile(world_.directory() + "/" + name), world_.bodyOf(name)) << name;
       }

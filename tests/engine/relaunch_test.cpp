@@ -8,11 +8,11 @@ namespace {
 
 using platform::URLSessionTaskState;
 using qntest::DownloaderWorld;
-using qntest::QualitySpec;
+using qntest::QualityPlan;
 using qntest::readFile;
 using qntest::render;
 
-const std::vector<QualitySpec> kMovie = {{QNMediaTypeVideo, "v", {"v/1", "v/2", "v/3"}},
+const std::vector<QualityPlan> kMovie = {{QNMediaTypeVideo, "v", {"v/1", "v/2", "v/3"}},
                                          {QNMediaTypeAudio, "a", {"a/1", "a/2"}}};
 
 class Relaunch : public testing::Test {

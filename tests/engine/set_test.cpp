@@ -16,20 +16,20 @@ namespace {
 
 using qntest::numbered;
 using qntest::PlainController;
-using qntest::QualitySpec;
+using qntest::QualityPlan;
 using qntest::render;
 
 class DownloadSet : public testing::Test {
  protected:
   DownloadSet() { files.setFast(); }
 
-  const std::vector<QualitySpec> usual = {{QNMediaTypeVideo, "v1", {"v1/1", "v1/2", "v1/3"}},
+  const std::vector<QualityPlan> usual = {{QNMediaTypeVideo, "v1", {"v1/1", "v1/2", "v1/3"}},
                                           {QNMediaTypeVideo, "v2", {"v2/1", "v2/2"}},
                                           {QNMediaTypeAudio, "a", {"a/1", "a/2"}},
                                           {QNMediaTypeText, "empty", {}},
                                           {QNMediaTypeUnknown, "none", {"n/1"}}};
 
-  void make(const std::vector<QualitySpec>& qualities) {
+  void make(const std::vector<QualityPlan>& qualities) {
     set = QNMovieDownloadSet::downloadSetWithPlaylist(qntest::makePlaylist(qualities),
                                                       directory->path(), "manifest.mpd",
                                                       "http://h/m.mpd", "id", controller);

@@ -14,14 +14,14 @@
 namespace {
 
 using qntest::numbered;
-using qntest::QualitySpec;
+using qntest::QualityPlan;
 using qntest::readFile;
 using qntest::render;
 
 // A set and what lies in its directory.
 class SetStorage : public testing::Test {
  protected:
-  void make(const std::vector<QualitySpec>& qualities) {
+  void make(const std::vector<QualityPlan>& qualities) {
     set = QNMovieDownloadSet::downloadSetWithPlaylist(qntest::makePlaylist(qualities),
                                                       directory.path(), "manifest.mpd",
                                                       "http://h/m.mpd", "id", controller);
@@ -114,9 +114,9 @@ TEST_F(SetStorage, SetsADamagedPropertiesFileAside) {
 TEST_F(SetStorage, RemovesFilesAndForgetsThem) {
   for (const auto& name : {"a/1", "a/2", "v/1"})
     directory.write(name, "12345");
-  const std::vector<QualitySpec> specs = {{QNMediaTypeVideo, "v", numbered("v/", 2)},
+  const std::vector<QualityPlan> plans = {{QNMediaTypeVideo, "v", numbered("v/", 2)},
                                           {QNMediaTypeAudio, "a", numbered("a/", 2)}};
-  make(specs);
+  make(plans);
   set->removeDownloadedQuality(quality(1));
   EXPECT_EQ(stored(), "v/1 ");
   EXPECT_EQ(render(*set), "idle selected v:C. downloaded completed 0 failed 0");
@@ -145,14 +145,14 @@ TEST_F(SetStorage, TellsWhenFilesResistRemoval) {
 }
 
 TEST_F(SetStorage, KeepsFilesThatAnotherQualityStillLists) {
-  const std::vector<QualitySpec> specs = {
+  const std::vector<QualityPlan> plans = {
       {QNMediaTypeVideo, "v", {"init", "v/1"}},
       {QNMediaTypeVideo, "w", {"./init", "w/1"}},
       {QNMediaTypeAudio, "a", {"init", "a/1"}},
   };
   for (const auto& name : {"init", "v/1", "w/1", "a/1"})
     directory.write(name, "12345");
-  make(specs);
+  make(plans);
   ASSERT_EQ(set->numberOfDownloadedQualities(), 3U);
   set->removeDownloadedQuality(quality(0));
   EXPECT_EQ(stored(), "a/1 init w/1 ");
@@ -166,20 +166,20 @@ TEST_F(SetStorage, KeepsFilesThatAnotherQualityStillLists) {
 }
 
 TEST_F(SetStorage, AFileThatTwoRangesCompeteForIsOfTheOneThatIsRecorded) {
-  const std::vector<QualitySpec> specs = {{QNMediaTypeVideo, "v", {"all.mp4@0+100", "v/1"}},
+  const std::vector<QualityPlan> plans = {{QNMediaTypeVideo, "v", {"all.mp4@0+100", "v/1"}},
                                           {QNMediaTypeAudio, "a", {"all.mp4@200+300", "a/1"}},
                                           {QNMediaTypeText, "t", {"/all.mp4"}},
                                           {QNMediaTypeVideo, "same", {"all.mp4@0+100"}}};
   for (const auto& name : {"all.mp4", "v/1", "a/1"})
     directory.write(name, "12345");
-  make(specs);
+  make(plans);
   EXPECT_EQ(render(*set), "idle selected v:.C a:.C downloaded completed 0 failed 0")
       << "whose bytes these are is not known";
 
   set->properties()->setObjectForKey(
       platform::JSON::fromObject({{"all.mp4", "bytes=200-300 http://h/all.mp4"}}),
       "QNStoredRanges");
-  make(specs);
+  make(plans);
   EXPECT_EQ(render(*set), "idle selected v:.C downloaded a completed 0 failed 0");
   const auto error = set->errorForPlace(*info(0)->resources()[0]);
   EXPECT_EQ(render(error), "NSPOSIXErrorDomain " + std::to_string(EEXIST));

@@ -22,7 +22,7 @@ std::string DownloaderWorld::directory() const {
   return root.path("downloads/" + identifier);
 }
 
-void DownloaderWorld::storeManifest(const std::vector<QualitySpec>& qualities) {
+void DownloaderWorld::storeManifest(const std::vector<QualityPlan>& qualities) {
   const std::string path = directory() + "/manifest.mpd";
   root.write(path.substr(root.path().size() + 1), makeMPD(qualities));
 }

@@ -28,7 +28,7 @@ class DownloaderWorld {
   // Everything that is in memory goes.
   void kill();
   // Puts a manifest where the downloader finds it, before a launch or after.
-  void storeManifest(const std::vector<QualitySpec>& qualities);
+  void storeManifest(const std::vector<QualityPlan>& qualities);
   // The stored download, active, with the delegate.
   std::shared_ptr<QNMovieDownloadSet> activate();
   ScriptedSession& session() { return *sessions.session(); }

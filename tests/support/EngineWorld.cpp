@@ -40,9 +40,9 @@ class ListBuilder : public QNResourceListBuilder {
 // Of any media type, also of none.
 class PlainQuality : public QNQuality {
  public:
-  PlainQuality(const QualitySpec& spec, const std::shared_ptr<QNTrack>& track)
-      : QNQuality(std::make_shared<ListBuilder>(spec.resources), std::nullopt, "test",
-                  spec.identifier, spec.type, spec.bitrate, track) {}
+  PlainQuality(const QualityPlan& plan, const std::shared_ptr<QNTrack>& track)
+      : QNQuality(std::make_shared<ListBuilder>(plan.resources), std::nullopt, "test",
+                  plan.identifier, plan.type, plan.bitrate, track) {}
 };
 
 const char* nameOf(QNDownloadStatus status) {
@@ -85,32 +85,32 @@ std::vector<std::string> numbered(const std::string& prefix, size_t count) {
   return names;
 }
 
-std::shared_ptr<QNPlaylist> makePlaylist(const std::vector<QualitySpec>& qualities) {
+std::shared_ptr<QNPlaylist> makePlaylist(const std::vector<QualityPlan>& qualities) {
   auto playlist = QNPlaylist::playlistWithMovieCapacity(1);
   auto movie = QNMovie::movieWithTrackCapacity(qualities.size(), 0, playlist);
-  for (const QualitySpec& spec : qualities) {
+  for (const QualityPlan& plan : qualities) {
     auto track =
-        QNTrack::trackWithType(spec.type, spec.duration, std::nullopt, std::nullopt, 1, movie);
-    track->addQuality(std::make_shared<PlainQuality>(spec, track));
+        QNTrack::trackWithType(plan.type, plan.duration, std::nullopt, std::nullopt, 1, movie);
+    track->addQuality(std::make_shared<PlainQuality>(plan, track));
     movie->addTrack(track);
   }
   playlist->addMovie(movie);
   return playlist;
 }
 
-std::string makeMPD(const std::vector<QualitySpec>& qualities) {
+std::string makeMPD(const std::vector<QualityPlan>& qualities) {
   std::string text =
       "<?xml version=\"1.0\"?>\n<MPD xmlns=\"urn:mpeg:dash:schema:mpd:2011\" type=\"static\" "
       "mediaPresentationDuration=\"PT8S\" minBufferTime=\"PT2S\" "
       "profiles=\"urn:mpeg:dash:profile:isoff-main:2011\"><Period duration=\"PT8S\">\n";
-  for (const QualitySpec& spec : qualities) {
-    const std::string content = contentTypeOf(spec.type);
-    const std::string mime = spec.type == QNMediaTypeText ? "application" : content;
+  for (const QualityPlan& plan : qualities) {
+    const std::string content = contentTypeOf(plan.type);
+    const std::string mime = plan.type == QNMediaTypeText ? "application" : content;
     text += "<AdaptationSet contentType=\"" + content + "\" mimeType=\"" + mime +
-            "/mp4\"><Representation id=\"" + spec.identifier + "\" bandwidth=\"" +
-            std::to_string(spec.bitrate == 0 ? 8000 : spec.bitrate) +
+            "/mp4\"><Representation id=\"" + plan.identifier + "\" bandwidth=\"" +
+            std::to_string(plan.bitrate == 0 ? 8000 : plan.bitrate) +
             "\"><SegmentList duration=\"2\">\n";
-    for (const std::string& resource : spec.resources)
+    for (const std::string& resource : plan.resources)
       text += "<SegmentURL media=\"" + resource + "\"/>\n";
     text += "</SegmentList></Representation></AdaptationSet>\n";
   }

@@ -21,7 +21,7 @@
 namespace qntest {
 
 // A quality to be made: its resources are "reference" or "reference@offset+length".
-struct QualitySpec {
+struct QualityPlan {
   QNMediaType type = QNMediaTypeVideo;
   std::string identifier;
   std::vector<std::string> resources;
@@ -32,9 +32,9 @@ struct QualitySpec {
 // "v/1", "v/2", ... as many as asked for.
 std::vector<std::string> numbered(const std::string& prefix, size_t count);
 // One movie, a track for each quality.
-std::shared_ptr<QNPlaylist> makePlaylist(const std::vector<QualitySpec>& qualities);
+std::shared_ptr<QNPlaylist> makePlaylist(const std::vector<QualityPlan>& qualities);
 // The same as an MPD, for what goes through the parsers; resources without range only.
-std::string makeMPD(const std::vector<QualitySpec>& qualities);
+std::string makeMPD(const std::vector<QualityPlan>& qualities);
 
 // A resource, quality or set on one line.
 //   resource: "idle 0/100" "paused 10/100~ reactivated 1 failed -1001 completed" (~: an estimate)
