@@ -104,6 +104,7 @@ std::optional<SaveFailure> saveManifest(const platform::DataPtr& bytes,
   if (auto error = files.createDirectoryWithIntermediates(directory))
     return SaveFailure{"Failed to create download directory", std::move(error), true};
   const std::string path = FileManager::pathByAppending(directory, kManifestName);
+  if (!bytes) return SaveFailure{"Failed to write manifest to file", nullptr, false};
   if (auto error = files.writeAtomically(path, bytes->data(), bytes->size()))
     return SaveFailure{"Failed to write manifest to file", std::move(error), false};
   return std::nullopt;
@@ -374,7 +375,7 @@ QNMovieDownloader::Set QNMovieDownloader::activateDownloadSetForURL(const std::s
 }
 
 QNMovieDownloader::Set QNMovieDownloader::activateDownloadSet(const Set& set) {
-  return activateDownloadSetForURL(set->sourceURL());
+  return set ? activateDownloadSetForURL(set->sourceURL()) : nullptr;
 }
 
 QNMovieDownloader::Set QNMovieDownloader::activeOrStoredSet(const std::string& url,

@@ -137,8 +137,9 @@ bool QNMovieDownloader::cancel(const Set& set) {
   return true;
 }
 
-bool QNMovieDownloader::remove(const Set& set) {
+bool QNMovieDownloader::remove(const Set& given) {
   const auto self = shared_from_this();
+  const Set set = given;  // a delegate may drop the caller's
   RecursiveLock lock(mutex_);
   const auto task = begin("QNMovieDownloader: Remove download");
   _validateSet(set);

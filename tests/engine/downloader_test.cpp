@@ -413,16 +413,18 @@ TEST_F(Downloader, TellsWhatKeepsADownloadFromBeingRemoved) {
 
 TEST_F(Downloader, ARemovedSetLeavesTheOneInItsPlaceAlone) {
   const auto old = started();
+  auto held = old;
   std::shared_ptr<QNMovieDownloadSet> fresh;
   world.delegate->react = [&](const auto& told, const std::string& line) {
     if (fresh || line != "status idle") return;
+    held.reset();
     world.downloader->remove(told);
     fresh = movie();
     fresh->selectAllQualities();
     EXPECT_TRUE(world.downloader->download(fresh));
   };
   // While it is being removed its delegate removes it, and starts it anew.
-  EXPECT_TRUE(world.downloader->remove(old));
+  EXPECT_TRUE(world.downloader->remove(held));
   EXPECT_EQ(world.downloader->fetchActiveDownloadSetForURL(world.url), fresh);
   world.serveAll();
   old->removeAllDownloadedQualities();
