@@ -37,7 +37,8 @@ std::string makeResumeToken() {
 }
 
 std::string urlOf(const TransferRecord& record) {
-  return record.request->url() ? record.request->url()->absoluteString() : "";
+  const URLPtr url = record.request.get()->url();
+  return url ? url->absoluteString() : "";
 }
 
 // The next file of the task gets a generation of its own.
@@ -62,7 +63,7 @@ bool canBeContinued(const TransferContent& content) {
 TransferTaskInfo infoOf(const TransferRecord& record) {
   TransferTaskInfo info;
   info.id = record.id;
-  info.request = record.request;
+  info.request = record.request.get();
   info.description = record.description;
   info.running = record.running;
   info.stage = record.stage;
@@ -110,7 +111,7 @@ TransferLedger::~TransferLedger() {
 void TransferLedger::_reconcileWithFile(TransferRecord& record, bool& drop) {
   auto& content = record.content;
   const bool sameBoot = record.bootId == TransferStore::currentBootId();
-  record.bootId = TransferStore::currentBootId();
+  record.bootId.clear();
   if (!sameBoot) record.effort.retryAtBootMs = 0;
 
   const int64_t size = content.file.generation == 0 ? -1 : files().size(content.file);
@@ -133,6 +134,13 @@ void TransferLedger::_reconcileWithFile(TransferRecord& record, bool& drop) {
 void TransferLedger::setNow(std::function<int64_t()> now) {
   MutexLock lock(mutex_);
   now_ = std::move(now);
+}
+
+void TransferLedger::setStoresEndingsFirst() {
+  MutexLock lock(mutex_);
+  storesEndingsFirst_ = true;
+  for (const auto& [id, entry] : entries_)
+    entry->record.request.pack();
 }
 
 int64_t TransferLedger::uncommittedSinceMs() const {
@@ -256,7 +264,7 @@ void TransferLedger::_create(const TransferCall& call) {
   record.request = call.request;
   record.description = call.description;
   record.content.file.owner = call.task;
-  record.bootId = TransferStore::currentBootId();
+  if (storesEndingsFirst_) record.request.pack();
   const EntryPtr source = call.source ? _find(call.source) : nullptr;
   const bool valid = source && source->record.stage == TransferStage::Failed &&
                      !source->record.resumeToken.empty() &&

@@ -39,8 +39,8 @@ class TransferLedger {
               std::vector<TransferEvent>& events, const TransferMark* mark = nullptr);
   TransferMark storedMark() const;
   // For a front that may outlive this process: an ending is told only when it is stored, so that
-  // its file is there, too, for the next one.
-  void setStoresEndingsFirst() { storesEndingsFirst_ = true; }
+  // its file is there, too, for the next one. No requests are held as objects.
+  void setStoresEndingsFirst();
   [[nodiscard]] bool saveSession(const TransferOptions& options);
   // Writes whatever is not written. A task that cannot be stored for the first time fails: its
   // event is appended.

@@ -20,6 +20,8 @@ constexpr int64_t kRoomWanted = 4 << 20;
 // first, and needs no storing then.
 constexpr int64_t kSmallFile = 64 << 10;
 constexpr int64_t kSmallFileMs = 10;
+// So many queued tasks of a host have jobs.
+constexpr size_t kQueuedJobs = 256;
 // Bytes go to the disk after so many, or less often; what is not there is lost with the power.
 constexpr int64_t kFlushBytes = 16 << 20;
 constexpr int64_t kFlushIntervalMs = 10'000;
@@ -56,6 +58,7 @@ TransferScheduler::Job* TransferScheduler::find(TransferTaskId id) {
 void TransferScheduler::taskChanged(TransferTaskId id) {
   const auto record = ledger_.unfinishedTask(id);
   Job* const job = find(id);
+  if (!record || !record->running) leaveBacklog(id);
   if (!record) {
     if (!job) return;
     stopDownload(*job);
@@ -67,14 +70,7 @@ void TransferScheduler::taskChanged(TransferTaskId id) {
     return;
   }
   if (!job) {
-    Job& added = addJob(*record);
-    const int64_t wait = record->effort.retryAtBootMs - clock_.bootMs();
-    if (wait <= 0) return enqueue(added);
-    added.state = State::Retrying;
-    added.untilMs = now() + wait;
-    setTrying(added, true);
-    wakeLater(added.untilMs);
-    tellWait(added, URLSessionTaskWait::Retry, added.untilMs);
+    if (!enterBacklog(*record)) begin(*record);
   } else if (job->state == State::Graced) {
     job->state = State::Active;
     ++active_;
@@ -88,14 +84,52 @@ void TransferScheduler::taskChanged(TransferTaskId id) {
   }
 }
 
+void TransferScheduler::begin(const TransferRecord& record) {
+  Job& added = addJob(record);
+  const int64_t retryAt = record.effort.retryAtBootMs;
+  const int64_t wait = retryAt == 0 ? 0 : retryAt - clock_.bootMs();
+  if (wait <= 0) return enqueue(added);
+  added.state = State::Retrying;
+  added.untilMs = now() + wait;
+  setTrying(added, true);
+  wakeLater(added.untilMs);
+  tellWait(added, URLSessionTaskWait::Retry, added.untilMs);
+}
+
+// False when the host's queue is short enough for one more.
+bool TransferScheduler::enterBacklog(const TransferRecord& record) {
+  const URLPtr url = record.request.get()->url();
+  const auto found = hosts_.find(url ? url->origin() : "");
+  if (found == hosts_.end() || found->second->queue.size() < kQueuedJobs) return false;
+  Host& host = *found->second;
+  if (host.backlog.insert(record.id).second) host.newInBacklog.push_back(record.id);
+  return true;
+}
+
+void TransferScheduler::leaveBacklog(TransferTaskId id) {
+  for (const auto& [name, host] : hosts_)
+    host->backlog.erase(id);
+}
+
+void TransferScheduler::refill(Host& host) {
+  while (host.queue.size() < kQueuedJobs / 2 && !host.backlog.empty()) {
+    const TransferTaskId id = *host.backlog.begin();
+    host.backlog.erase(host.backlog.begin());
+    const auto record = ledger_.unfinishedTask(id);
+    if (!record || !record->running || find(id)) continue;
+    begin(*record);
+    find(id)->toldWait = host.toldBacklog;
+  }
+}
+
 TransferScheduler::Job& TransferScheduler::addJob(const TransferRecord& record) {
   auto job = std::make_unique<Job>();
   job->id = record.id;
-  job->request = record.request;
+  job->request = record.request.get();
   job->content = record.content;
   job->effort = record.effort;
   job->clock = StallClock(record.effort.stalledMs);
-  const URLPtr url = record.request->url();
+  const URLPtr& url = job->request->url();
   job->hostName = url ? url->origin() : "";
   auto& host = hosts_[job->hostName];
   if (!host) host = std::make_unique<Host>();
@@ -113,7 +147,8 @@ void TransferScheduler::removeJob(Job& job) {
   setTrying(job, false);
   Host& host = *job.host;
   // A host in trouble stays known for as long as that matters.
-  if (--host.jobs == 0 && host.health.failures() == 0) hosts_.erase(job.hostName);
+  if (--host.jobs == 0 && host.health.failures() == 0 && host.backlog.empty())
+    hosts_.erase(job.hostName);
   const TransferTaskId id = job.id;
   jobs_.erase(id);
 }
@@ -220,6 +255,7 @@ void TransferScheduler::startQueued() {
 }
 
 bool TransferScheduler::startNextOf(Host& host) {
+  refill(host);
   if (host.queue.empty() || host.active >= options_.connectionsPerHost) return false;
   if (host.health.retryAtMs() > now()) {
     wakeLater(host.health.retryAtMs());
@@ -615,6 +651,8 @@ void TransferScheduler::tellWait(Job& job, URLSessionTaskWait wait, int64_t unti
 }
 
 void TransferScheduler::tellQueued() {
+  for (const auto& [name, host] : hosts_)
+    tellBacklog(*host);
   std::vector<TransferTaskId> ids;
   ids.swap(newlyQueued_);
   if (std::exchange(tellAllQueued_, false)) {
@@ -634,6 +672,24 @@ void TransferScheduler::tellQueued() {
     } else {
       tellWait(*job, URLSessionTaskWait::Limit);
     }
+  }
+}
+
+void TransferScheduler::tellBacklog(Host& host) {
+  std::vector<TransferTaskId> ids;
+  ids.swap(host.newInBacklog);
+  if (host.backlog.empty()) return;
+  const auto network = networkWait();
+  const auto wait = network != URLSessionTaskWait::None ? network : URLSessionTaskWait::Limit;
+  if (std::exchange(host.toldBacklog, wait) != wait)
+    ids.assign(host.backlog.begin(), host.backlog.end());
+  for (const TransferTaskId id : ids) {
+    if (!host.backlog.contains(id)) continue;
+    TransferEvent event;
+    event.kind = TransferEvent::Kind::Waiting;
+    event.task = id;
+    event.wait.wait = wait;
+    events_.push_back(std::move(event));
   }
 }
 

@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <random>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -55,6 +56,10 @@ class TransferScheduler final : public Download::Owner {
   struct Host {
     HostHealth health;
     std::deque<TransferTaskId> queue;
+    // Tasks behind a long queue: they have no jobs yet. All wait for the same.
+    std::set<TransferTaskId> backlog;
+    std::vector<TransferTaskId> newInBacklog;
+    URLSessionTaskWait toldBacklog = URLSessionTaskWait::None;
     int active = 0;
     int jobs = 0;
   };
@@ -96,6 +101,11 @@ class TransferScheduler final : public Download::Owner {
 
   Job* find(TransferTaskId id);
   Job& addJob(const TransferRecord& record);
+  void begin(const TransferRecord& record);
+  bool enterBacklog(const TransferRecord& record);
+  void leaveBacklog(TransferTaskId id);
+  void refill(Host& host);
+  void tellBacklog(Host& host);
   void removeJob(Job& job);
   void suspend(Job& job);
   void park(Job& job);

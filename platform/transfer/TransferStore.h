@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/transfer/PartialFiles.h"
+#include "platform/transfer/StoredRequest.h"
 #include "platform/transfer/TransferOptions.h"
 #include "platform/transfer/TransferTypes.h"
 
@@ -41,7 +42,7 @@ struct TransferEffort {
 // by the transfer.
 struct TransferRecord {
   TransferTaskId id = 0;
-  URLRequestPtr request;
+  StoredRequest request;
 
   std::optional<std::string> description;
   bool running = false;
@@ -51,7 +52,7 @@ struct TransferRecord {
   TransferEffort effort;
   ErrorPtr error;           // for Failed
   std::string resumeToken;  // that resume data for the content holds; empty: there is none
-  std::string bootId;       // of the boot in which the facts were true
+  std::string bootId;       // of the boot in which the facts were true; empty: this one
 };
 
 // One change of the stored tasks.

@@ -7,31 +7,6 @@
 namespace platform {
 namespace {
 
-// Header fields as "name NUL value NUL", in order; neither may hold a NUL.
-std::string packHeaders(const HTTPHeaders& headers) {
-  std::string packed;
-  for (const auto& [name, value] : headers.fields()) {
-    packed.append(name).push_back('\0');
-    packed.append(value).push_back('\0');
-  }
-  return packed;
-}
-
-HTTPHeaders unpackHeaders(const std::string& packed) {
-  HTTPHeaders headers;
-  size_t at = 0;
-  while (at < packed.size()) {
-    const size_t nameEnd = packed.find('\0', at);
-    if (nameEnd == std::string::npos) break;
-    const size_t valueEnd = packed.find('\0', nameEnd + 1);
-    if (valueEnd == std::string::npos) break;
-    headers.set(packed.substr(at, nameEnd - at),
-                packed.substr(nameEnd + 1, valueEnd - nameEnd - 1));
-    at = valueEnd + 1;
-  }
-  return headers;
-}
-
 URLRequestPtr readRequest(const TransferRowReader& row, int column) {
   const auto url = row.optionalText(column + 1);
   auto request = std::make_shared<URLRequest>(url ? URL::URLWithString(*url) : nullptr);
@@ -204,9 +179,10 @@ TransferRecord readTaskRow(const TransferRowReader& row) {
 
 void bindIdentity(TransferRowWriter& row, const TransferRecord& record) {
   row.bind(static_cast<int64_t>(record.id));
-  row.bind(record.request->HTTPMethod());
-  record.request->url() ? row.bind(record.request->url()->absoluteString()) : row.bindNull();
-  row.bindCopy(packHeaders(record.request->allHTTPHeaderFields()));
+  const URLRequestPtr request = record.request.get();
+  row.bindCopy(request->HTTPMethod());
+  request->url() ? row.bindCopy(request->url()->absoluteString()) : row.bindNull();
+  row.bindCopy(packHeaders(request->allHTTPHeaderFields()));
 }
 
 void bindOwn(TransferRowWriter& row, const TransferRecord& record) {
@@ -233,7 +209,7 @@ void bindFacts(TransferRowWriter& row, const TransferRecord& record) {
   row.bind(int64_t{static_cast<int>(effort.wait)});
   bindError(row, record.error);
   row.bind(record.resumeToken);
-  row.bind(record.bootId);
+  row.bindCopy(record.bootId.empty() ? TransferStore::currentBootId() : record.bootId);
 }
 
 }  // namespace platform

@@ -182,6 +182,37 @@ TEST_P(TransferContract, KeepsTheLimitPerHost) {
   EXPECT_EQ(server.maximumConcurrent(), 2);
 }
 
+// More than are looked at before their turn.
+TEST_P(TransferContract, TasksFarBehindWaitAndHeedTheirCallsToo) {
+  constexpr size_t kMany = 400;
+  harness.configuration().maximumConnectionsPerHost = 1;
+  app.launch();
+  harness.serveHeld("/first", 1000, 10);
+  std::vector<Application::TaskPtr> tasks{app.start("/first")};
+  ASSERT_TRUE(server.waitForRequests("/first", 1));
+  while (tasks.size() < kMany) {
+    const std::string path = "/behind" + std::to_string(tasks.size());
+    harness.serve(path, 10);
+    tasks.push_back(app.start(path));
+  }
+  const auto last = tasks.back();
+  tasks.pop_back();
+  EXPECT_TRUE(app.recorder->waitUntil(
+      [&] { return last->waitReason().wait == URLSessionTaskWait::Limit; }));
+  last->suspend();
+  const auto cancelled = tasks.back();
+  tasks.pop_back();
+  cancelled->cancel();
+  EXPECT_EQ(app.completed(cancelled).summary(), "c -999");
+  server.release("/first");
+  for (const auto& task : tasks)
+    EXPECT_EQ(app.completed(task).summary(), "wfc 200");
+  EXPECT_EQ(server.requestCount("/behind" + std::to_string(kMany - 1)), 0u);
+  last->resume();
+  EXPECT_EQ(app.completed(last).summary(), "wfc 200");
+  EXPECT_EQ(server.requestCount("/behind" + std::to_string(kMany - 2)), 0u);
+}
+
 TEST_P(TransferContract, KeepsTheOverallLimit) {
   FaultServer other;
   harness.configuration().maximumTransfers = 3;

@@ -52,14 +52,14 @@ TransferRecord fullRecord(TransferTaskId id) {
 }
 
 std::string describe(const TransferRecord& r) {
-  std::string text = std::to_string(r.id) + " " + r.request->HTTPMethod() + " " +
-                     (r.request->url() ? r.request->url()->absoluteString() : "-");
+  std::string text = std::to_string(r.id) + " " + r.request.get()->HTTPMethod() + " " +
+                     (r.request.get()->url() ? r.request.get()->url()->absoluteString() : "-");
   const auto addHeaders = [&text](const HTTPHeaders& headers) {
     for (const auto& [name, value] : headers.fields())
       text += " " + name + "=" + value;
   };
   const auto add = [&text](int64_t value) { text += " " + std::to_string(value); };
-  addHeaders(r.request->allHTTPHeaderFields());
+  addHeaders(r.request.get()->allHTTPHeaderFields());
   text += " [" + r.description.value_or("none") + "]";
   add(r.running);
   add(static_cast<int>(r.stage));
@@ -140,13 +140,20 @@ using Kind = TransferCall::Kind;
 TEST_F(StoreTest, GivesBackEveryFieldOfATask) {
   TransferRecord bare;
   bare.id = 2;
+  bare.bootId = TransferStore::currentBootId();  // what an empty one stands for
   bare.request = std::make_shared<const URLRequest>(nullptr);
   const TransferRecord full = fullRecord(1);
   TransferRecord changed = full;
+  TransferRecord packed = bare;
+  packed.bootId.clear();
+  packed.request.pack();
+  changed.request.pack();
   {
     const auto store = open();
-    ASSERT_FALSE(
-        store->apply({{TransferChange::Kind::Insert, full}, {TransferChange::Kind::Insert, bare}}));
+    const TransferMark mark{~uint64_t{0}, 7};
+    ASSERT_FALSE(store->apply(
+        {{TransferChange::Kind::Insert, full}, {TransferChange::Kind::Insert, packed}}, &mark));
+    EXPECT_EQ(mark, store->mark());
     EXPECT_EQ(describe(full) + "\n" + describe(bare) + "\n", describeAll(*store));
     changed.description.reset();
     changed.running = false;
@@ -154,6 +161,7 @@ TEST_F(StoreTest, GivesBackEveryFieldOfATask) {
   }
   const auto store = open();
   EXPECT_EQ(describe(changed) + "\n" + describe(bare) + "\n", describeAll(*store));
+  EXPECT_EQ(7u, store->mark().number);
   ASSERT_FALSE(store->apply({{TransferChange::Kind::Delete, changed}}));
   EXPECT_EQ(describe(bare) + "\n", describeAll(*store));
 }
