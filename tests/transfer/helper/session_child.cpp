@@ -59,6 +59,10 @@ int main(int argc, char** argv) {
     const bool done = application->waitUntilDone();
     application->write(done ? "done" : "gave up");
     if (values.count("linger") != 0) pause();
+    // Closed on this thread, not in a call that the end of main cuts short: to a service that would
+    // be a death.
+    while (application.use_count() > 1 || application->session().use_count() > 1)
+      usleep(1'000);
     return done ? 0 : 1;
   } catch (const platform::Exception& exception) {
     fprintf(stderr, "session_child: %s: %s\n", exception.name().c_str(),
