@@ -17,10 +17,11 @@ constexpr int kLockWaitMs = 3'000;
 constexpr int64_t kCommitDelayMs = 10;
 
 std::unique_ptr<TransferStore> openStore(const TransferLocation& location,
-                                         const TransferOptions& options) {
+                                         const std::optional<TransferOptions>& options) {
   auto store = std::make_unique<TransferStore>(location.storeDirectory, location.partialDirectory,
                                                location.identifier, kLockWaitMs);
-  if (!store->saveSession(options)) logError("Session store: the settings could not be stored");
+  if (options && !store->saveSession(*options))
+    logError("Session store: the settings could not be stored");
   return store;
 }
 
@@ -28,13 +29,15 @@ std::unique_ptr<TransferStore> openStore(const TransferLocation& location,
 
 TransferBackend::~TransferBackend() = default;
 
-TransferEngine::TransferEngine(const TransferLocation& location, const TransferOptions& options,
-                               bool ephemeral, TransferClock& clock)
+TransferEngine::TransferEngine(const TransferLocation& location,
+                               const std::optional<TransferOptions>& options, bool ephemeral,
+                               TransferClock& clock)
     : clock_(clock),
       ledger_(openStore(location, options), ephemeral),
-      loop_(std::make_unique<CurlLoop>(CurlLoop::Options{options.transfers, options.caFile},
+      options_(options ? *options : ledger_.session().options),
+      loop_(std::make_unique<CurlLoop>(CurlLoop::Options{options_.transfers, options_.caFile},
                                        &HttpExchange::done)),
-      scheduler_(std::make_unique<TransferScheduler>(ledger_, *loop_, clock, options)),
+      scheduler_(std::make_unique<TransferScheduler>(ledger_, *loop_, clock, options_)),
       monitor_(NetworkMonitor::defaultMonitor()) {
   ledger_.setNow([&clock] { return clock.nowMs(); });
 }

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -22,9 +24,9 @@ class TransferScheduler;
 // alike.
 class TransferEngine final : public TransferBackend {
  public:
-  // Opens the store; throws as TransferStore does.
-  TransferEngine(const TransferLocation& location, const TransferOptions& options, bool ephemeral,
-                 TransferClock& clock = TransferClock::systemClock());
+  // Opens the store; throws as TransferStore does. Without options: those that the store remembers.
+  TransferEngine(const TransferLocation& location, const std::optional<TransferOptions>& options,
+                 bool ephemeral, TransferClock& clock = TransferClock::systemClock());
   ~TransferEngine() override;  // closes
 
   std::vector<TransferTaskInfo> tasks() override;
@@ -43,7 +45,9 @@ class TransferEngine final : public TransferBackend {
   void submitMarked(const TransferBatch& batch, Durability durability, const TransferMark& mark);
   TransferMark storedMark() const { return ledger_.storedMark(); }
   std::vector<TransferEvent> heldEvents() const { return ledger_.heldEvents(); }
-  // What a session is remembered by, for who opens it without its application.
+  // What a session is remembered by, for who opens it without its application. The limits of this
+  // engine are those that it was made with.
+  const TransferOptions& options() const { return options_; }
   [[nodiscard]] bool saveOptions(const TransferOptions& options) {
     return ledger_.saveSession(options);
   }
@@ -59,6 +63,7 @@ class TransferEngine final : public TransferBackend {
 
   TransferClock& clock_;
   TransferLedger ledger_;
+  const TransferOptions options_;
   const std::unique_ptr<CurlLoop> loop_;
   const std::unique_ptr<TransferScheduler> scheduler_;  // of the thread
 

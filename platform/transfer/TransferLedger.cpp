@@ -224,6 +224,11 @@ bool TransferLedger::saveSession(const TransferOptions& options) {
   return store_->saveSession(options);
 }
 
+TransferSessionRecord TransferLedger::session() {
+  MutexLock storeLock(storeMutex_);
+  return store_->session();
+}
+
 void TransferLedger::_apply(const TransferCall& call, std::vector<TransferTaskId>& touched,
                             std::vector<TransferEvent>& events) {
   if (call.kind == TransferCall::Kind::Create) return _create(call);

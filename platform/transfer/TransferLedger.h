@@ -42,6 +42,7 @@ class TransferLedger {
   // its file is there, too, for the next one. No requests are held as objects.
   void setStoresEndingsFirst();
   [[nodiscard]] bool saveSession(const TransferOptions& options);
+  TransferSessionRecord session();
   // Writes whatever is not written. A task that cannot be stored for the first time fails: its
   // event is appended.
   void commit(std::vector<TransferEvent>& events);

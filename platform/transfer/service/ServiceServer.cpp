@@ -24,14 +24,6 @@ namespace {
 
 constexpr size_t kTasksPerMessage = 1'024;
 
-// Directories and the CA come from the client, which filled everything in.
-std::unique_ptr<TransferEngine> makeEngine(const URLSessionConfiguration& configuration,
-                                           bool fresh) {
-  return std::make_unique<TransferEngine>(TransferLocation::fromConfiguration(configuration),
-                                          TransferOptions::fromConfiguration(configuration),
-                                          configuration.ephemeral && fresh);
-}
-
 }  // namespace
 
 ServiceServer::ServiceServer(FileDescriptor listener, ServiceOptions options)
@@ -227,21 +219,35 @@ void ServiceServer::takeBack(ServiceSession::Returned returned) {
   if (connection.started) handOver(connection);
 }
 
-ServiceServer::Slot& ServiceServer::openSlot(const std::string& key,
-                                             const URLSessionConfiguration& configuration,
-                                             bool fresh) {
-  if (fresh && configuration.ephemeral) slots_.erase(key);
+ServiceServer::Slot& ServiceServer::openSlot(const SessionRecord& record,
+                                             const std::optional<TransferOptions>& options,
+                                             bool ephemeral) {
+  const auto configuration = record.configuration();
+  const std::string key = SessionRegistry::keyOf(configuration);
   const auto found = slots_.find(key);
-  if (found != slots_.end()) return found->second;
+  if (found != slots_.end() && !ephemeral && (!options || found->second.session->adopt(*options)))
+    return found->second;
+  Slot slot;
+  SessionRecord known = record;
+  if (found != slots_.end()) {
+    // The partial files are there for the next engine.
+    slot = std::move(found->second);
+    known = slot.session->record();
+    slots_.erase(found);
+    slot.session.reset();
+  } else if (auto stored = registry_.find(key)) {
+    known.wantsToRun = stored->wantsToRun;
+    known.launches = stored->launches;
+  }
   const int wakeup = wakeup_.get();
-  auto session = std::make_unique<ServiceSession>(
-      registry_, configuration, makeEngine(configuration, fresh), [wakeup] {
+  auto engine = std::make_unique<TransferEngine>(TransferLocation::fromConfiguration(configuration),
+                                                 options, ephemeral);
+  slot.session =
+      std::make_unique<ServiceSession>(registry_, std::move(known), std::move(engine), [wakeup] {
         const uint64_t one = 1;
         [[maybe_unused]] const ssize_t written = ::write(wakeup, &one, sizeof(one));
       });
-  Slot& slot = slots_[key];
-  slot.session = std::move(session);
-  return slot;
+  return slots_[key] = std::move(slot);
 }
 
 void ServiceServer::open(ServiceConnection& connection, const OpenMessage& message) {
@@ -255,15 +261,10 @@ void ServiceServer::open(ServiceConnection& connection, const OpenMessage& messa
     answer.held = true;
     return connection.answer(answer);
   }
-  const bool wasKnown = known != slots_.end();
   try {
-    Slot& slot = openSlot(key, message.configuration, !message.again);
-    slot.session->setConfiguration(message.configuration);
-    for (const SessionRecord& record : registry_.load()) {
-      if (wasKnown || SessionRegistry::keyOf(record.configuration) != key) continue;
-      slot.session->setWantsToRun(record.wantsToRun);
-      slot.session->setLaunches(record.launches);
-    }
+    const auto& c = message.configuration;
+    Slot& slot = openSlot({c.identifier, c.stateDirectory, c.partialDirectory, false, 0},
+                          TransferOptions::fromConfiguration(c), c.ephemeral && !message.again);
     // Whoever was not started by this service came by hand.
     if (slot.launched == 0 || ::getsid(connection.process()) != slot.launched)
       slot.session->setLaunches(0);
@@ -300,9 +301,7 @@ void ServiceServer::goodbye(ServiceConnection& connection) {
   slot->session->setLaunches(0);
   // Nobody is to be started until an application was here again and left without a word.
   slot->session->setWantsToRun(false);
-  auto configuration = slot->session->configuration();
-  configuration.launchCommand.reset();
-  slot->session->setConfiguration(std::move(configuration));
+  slot->session->forgetLaunchCommand();
   slot->session->save();
 }
 
@@ -339,13 +338,9 @@ void ServiceServer::flush(ServiceConnection& connection) {
 void ServiceServer::recover() {
   recoverAtMs_ = -1;
   for (const SessionRecord& record : registry_.load()) {
-    const std::string key = SessionRegistry::keyOf(record.configuration);
-    if (slots_.contains(key)) continue;
+    if (slots_.contains(SessionRegistry::keyOf(record.configuration()))) continue;
     try {
-      Slot& slot = openSlot(key, record.configuration, false);
-      slot.session->setWantsToRun(record.wantsToRun);
-      slot.session->setLaunches(record.launches);
-      slot.session->start();
+      openSlot(record, std::nullopt, false).session->start();
     } catch (const std::exception& failure) {
       logError(std::string("Error: ") + failure.what());
     }
@@ -354,25 +349,23 @@ void ServiceServer::recover() {
 
 void ServiceServer::considerLaunch(Slot& slot) {
   if (slot.connection >= 0 || slot.launched != 0 || slot.launchAtMs >= 0) return;
-  if (!slot.session->configuration().launchCommand ||
-      slot.session->launches() >= options_.maximumLaunches)
+  if (!slot.session->launchCommand() || slot.session->record().launches >= options_.maximumLaunches)
     return;
   if (!slot.session->hasEndings() && !slot.session->isStranded()) return;
-  slot.launchAtMs = nowMs() + (options_.launchDelayMs << slot.session->launches());
+  slot.launchAtMs = nowMs() + (options_.launchDelayMs << slot.session->record().launches);
 }
 
 void ServiceServer::launchWhatIsDue(int64_t now) {
   for (auto& [key, slot] : slots_) {
     if (slot.launchAtMs < 0 || slot.launchAtMs > now) continue;
     slot.launchAtMs = -1;
-    slot.session->setLaunches(slot.session->launches() + 1);
+    slot.session->setLaunches(slot.session->record().launches + 1);
     slot.session->save();
-    const auto& configuration = slot.session->configuration();
+    const std::string& identifier = slot.session->record().identifier;
     int error = 0;
-    slot.launched =
-        startLaunchCommand(*configuration.launchCommand, configuration.identifier, &error);
+    slot.launched = startLaunchCommand(*slot.session->launchCommand(), identifier, &error);
     if (slot.launched != 0) continue;
-    logError("Error: cannot start the command of session " + configuration.identifier + ": " +
+    logError("Error: cannot start the command of session " + identifier + ": " +
              std::to_string(error));
     considerLaunch(slot);
   }

@@ -62,8 +62,9 @@ class ServiceServer {
   void goodbye(ServiceConnection& connection);
   void drop(int fd);
   Slot* slotOf(const ServiceConnection& connection);
-  // Fresh: the application starts anew, and an ephemeral session with it.
-  Slot& openSlot(const std::string& key, const URLSessionConfiguration& configuration, bool fresh);
+  // With an engine for these options, or for those that the store remembers.
+  Slot& openSlot(const SessionRecord& record, const std::optional<TransferOptions>& options,
+                 bool ephemeral);
 
   void collect();
   void flush(ServiceConnection& connection);

@@ -25,12 +25,12 @@ struct ServiceSession::Inbox {
   Returned returned GUARDED_BY(mutex);
 };
 
-ServiceSession::ServiceSession(const SessionRegistry& registry,
-                               URLSessionConfiguration configuration,
+ServiceSession::ServiceSession(const SessionRegistry& registry, SessionRecord record,
                                std::unique_ptr<TransferEngine> engine, std::function<void()> wake)
     : registry_(registry),
-      configuration_(std::move(configuration)),
       inbox_(std::make_shared<Inbox>()),
+      record_(std::move(record)),
+      options_(engine->options()),
       engine_(std::move(engine)) {
   inbox_->wake = std::move(wake);
   engine_->serveFront();
@@ -47,8 +47,19 @@ void ServiceSession::close() {
   engine_->close();
 }
 
-void ServiceSession::setConfiguration(URLSessionConfiguration configuration) {
-  configuration_ = std::move(configuration);
+bool ServiceSession::adopt(const TransferOptions& options) {
+  TransferOptions wanted = options;
+  wanted.launchCommand = options_.launchCommand;
+  if (wanted != options_) return false;
+  if (options != options_) static_cast<void>(engine_->saveOptions(options));
+  options_ = options;
+  return true;
+}
+
+void ServiceSession::forgetLaunchCommand() {
+  TransferOptions without = options_;
+  without.launchCommand.reset();
+  static_cast<void>(adopt(without));
 }
 
 // --- What a client says -------------------------------------------------------------------------
@@ -131,8 +142,8 @@ void ServiceSession::note(const TransferCall& call) {
       break;
     case TransferCall::Kind::Resume:
     case TransferCall::Kind::Suspend:
-      wantsToRun_ = call.kind == TransferCall::Kind::Resume;
-      if (unfinished_.contains(call.task)) setUnfinished(call.task, wantsToRun_);
+      record_.wantsToRun = call.kind == TransferCall::Kind::Resume;
+      if (unfinished_.contains(call.task)) setUnfinished(call.task, record_.wantsToRun);
       break;
     case TransferCall::Kind::Cancel:
       forget(call.task);
@@ -141,7 +152,7 @@ void ServiceSession::note(const TransferCall& call) {
       forget(call.task);
       endings_.erase(call.task);
       pending_.erase(call.task);
-      launches_ = 0;
+      record_.launches = 0;
       break;
     case TransferCall::Kind::SetDescription:
       break;
@@ -163,13 +174,9 @@ void ServiceSession::forget(TransferTaskId task) {
 }
 
 void ServiceSession::save() {
-  if (isSaved_ && saved_.wantsToRun == wantsToRun_ && saved_.launches == launches_ &&
-      saved_.configuration.launchCommand == configuration_.launchCommand) {
-    return;
-  }
-  saved_ = {configuration_, wantsToRun_, launches_};
-  isSaved_ = true;
-  registry_.save(saved_);
+  if (saved_ == record_) return;
+  registry_.save(record_);
+  saved_ = record_;
 }
 
 // --- Attaching ----------------------------------------------------------------------------------

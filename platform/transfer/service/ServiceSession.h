@@ -27,12 +27,15 @@ class ServiceSession {
  public:
   // `wake` is called, on any thread, when collect() or takeReturned() has something to do. Throws
   // as the store does.
-  ServiceSession(const SessionRegistry& registry, URLSessionConfiguration configuration,
+  ServiceSession(const SessionRegistry& registry, SessionRecord record,
                  std::unique_ptr<TransferEngine> engine, std::function<void()> wake);
   ~ServiceSession();
 
-  const URLSessionConfiguration& configuration() const { return configuration_; }
-  void setConfiguration(URLSessionConfiguration configuration);
+  const SessionRecord& record() const { return record_; }
+  // Takes over what an application wants now; false when that needs another engine.
+  [[nodiscard]] bool adopt(const TransferOptions& options);
+  const std::optional<LaunchCommand>& launchCommand() const { return options_.launchCommand; }
+  void forgetLaunchCommand();
 
   std::vector<TransferTaskInfo> tasks() { return engine_->tasks(); }
   // A client with this number comes; those of its batches that took effect will not do so again.
@@ -72,13 +75,11 @@ class ServiceSession {
   // Something transfers or waits to.
   bool isBusy() const { return running_ > 0; }
   // Tasks stand suspended although the application wanted them to run.
-  bool isStranded() const { return wantsToRun_ && unfinished_.size() > running_; }
+  bool isStranded() const { return record_.wantsToRun && unfinished_.size() > running_; }
 
   // Whether the application meant its transfers to run when it was last heard of.
-  void setWantsToRun(bool wants) { wantsToRun_ = wants; }
-  // Of the launch command, since an event was acknowledged.
-  uint32_t launches() const { return launches_; }
-  void setLaunches(uint32_t launches) { launches_ = launches; }
+  void setWantsToRun(bool wants) { record_.wantsToRun = wants; }
+  void setLaunches(uint32_t launches) { record_.launches = launches; }
   // Stores what changed of these.
   void save();
 
@@ -100,24 +101,22 @@ class ServiceSession {
   void giveBack(Returned returned);
 
   const SessionRegistry& registry_;
-  URLSessionConfiguration configuration_;
   const std::shared_ptr<Inbox> inbox_;
   std::shared_ptr<ServiceLine> line_;   // of the engine's thread
   std::atomic<bool> isTalking_{false};  // set by the engine's thread
   bool started_ = false;
   bool attached_ = false;
-  bool wantsToRun_ = false;
-  uint32_t launches_ = 0;
   uint64_t front_ = 0;
   uint64_t applied_ = 0;  // the front's last message that took effect
-  SessionRecord saved_;
-  bool isSaved_ = false;
+  SessionRecord record_;
+  std::optional<SessionRecord> saved_;
   std::deque<TransferTaskId> order_;
   std::unordered_map<TransferTaskId, Pending> pending_;
   std::unordered_set<TransferTaskId> endings_;  // until they are acknowledged
   // Tasks without an ending, and whether each is to run.
   std::unordered_map<TransferTaskId, bool> unfinished_;
   size_t running_ = 0;  // of these
+  TransferOptions options_;
   // Last: its thread has ended when the rest goes.
   const std::unique_ptr<TransferEngine> engine_;
 };

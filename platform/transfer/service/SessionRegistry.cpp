@@ -7,31 +7,36 @@
 #include "platform/FileManager.h"
 #include "platform/Log.h"
 #include "platform/transfer/TransferOptions.h"
-#include "platform/transfer/service/ServiceMessages.h"
 #include "platform/transfer/service/Wire.h"
 
 namespace platform::service {
 namespace {
 
 constexpr const char* kExtension = ".session";
-constexpr uint32_t kFormat = 1;
+constexpr uint32_t kFormat = 2;
+constexpr int64_t kMaximumSize = 64 << 10;
 
 std::optional<SessionRecord> decode(const Data& bytes) {
   WireReader in({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
   if (in.u32() != kFormat) return std::nullopt;
-  const std::string opening = in.text();
   SessionRecord record;
+  record.identifier = in.text();
+  record.stateDirectory = in.text();
+  record.partialDirectory = in.text();
   record.wantsToRun = in.boolean();
   record.launches = in.u32();
-  if (!in.atEnd() || opening.size() < 4) return std::nullopt;
-  auto message = decodeMessage(std::string_view(opening).substr(4));
-  auto* open = message ? std::get_if<OpenMessage>(&*message) : nullptr;
-  if (!open) return std::nullopt;
-  record.configuration = std::move(open->configuration);
+  if (!in.atEnd()) return std::nullopt;
   return record;
 }
 
 }  // namespace
+
+URLSessionConfiguration SessionRecord::configuration() const {
+  auto result = URLSessionConfiguration::backgroundSessionConfigurationWithIdentifier(identifier);
+  result.stateDirectory = stateDirectory;
+  result.partialDirectory = partialDirectory;
+  return result;
+}
 
 SessionRegistry::SessionRegistry(std::string directory) : directory_(std::move(directory)) {
   FileManager::defaultManager().createDirectoryWithIntermediates(directory_);
@@ -46,33 +51,42 @@ std::string SessionRegistry::pathOf(const std::string& key) const {
   return FileManager::pathByAppending(directory_, transferHash(key) + kExtension);
 }
 
-std::vector<SessionRecord> SessionRegistry::load() const {
+std::optional<SessionRecord> SessionRegistry::read(const std::string& path) const {
   auto& files = FileManager::defaultManager();
+  const DataPtr bytes = files.contentsAtPath(path, kMaximumSize);
+  auto record = bytes ? decode(*bytes) : std::nullopt;
+  if (!record && files.fileExistsAtPath(path)) {
+    logError("Error: " + path + " is damaged and was removed");
+    files.removeItem(path);
+  }
+  return record;
+}
+
+std::vector<SessionRecord> SessionRegistry::load() const {
   std::vector<SessionRecord> records;
-  for (const auto& entry :
-       files.contentsOfDirectory(directory_).value_or(std::vector<FileManager::Entry>{})) {
+  for (const auto& entry : FileManager::defaultManager()
+                               .contentsOfDirectory(directory_)
+                               .value_or(std::vector<FileManager::Entry>{})) {
     if (!entry.isRegular || !entry.name.ends_with(kExtension)) continue;
-    const std::string path = FileManager::pathByAppending(directory_, entry.name);
-    const DataPtr bytes = files.contentsAtPath(path, kMaximumFrame);
-    auto record = bytes ? decode(*bytes) : std::nullopt;
-    if (record) {
+    if (auto record = read(FileManager::pathByAppending(directory_, entry.name)))
       records.push_back(std::move(*record));
-    } else {
-      logError("Error: " + path + " is damaged and was removed");
-      files.removeItem(path);
-    }
   }
   return records;
+}
+
+std::optional<SessionRecord> SessionRegistry::find(const std::string& key) const {
+  return read(pathOf(key));
 }
 
 void SessionRegistry::save(const SessionRecord& record) const {
   WireWriter out;
   out.u32(kFormat);
-  out.text(
-      encodeFrame(OpenMessage{.number = 0, .configuration = record.configuration, .again = false}));
+  out.text(record.identifier);
+  out.text(record.stateDirectory);
+  out.text(record.partialDirectory);
   out.boolean(record.wantsToRun);
   out.u32(record.launches);
-  const std::string path = pathOf(keyOf(record.configuration));
+  const std::string path = pathOf(keyOf(record.configuration()));
   if (const ErrorPtr error = FileManager::defaultManager().writeAtomically(path, out.bytes().data(),
                                                                            out.bytes().size()))
     logError("Error: " + error->localizedDescription());

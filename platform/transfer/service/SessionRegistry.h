@@ -9,22 +9,29 @@
 
 namespace platform::service {
 
-// What the service remembers of a session beside its store, so that a service that was killed goes
-// on with it and an application that dies again and again is not started for ever.
+// What the service has to know of a session to find its store, which remembers everything else, and
+// to go on as before: a service that was killed goes on with the session, and an application that
+// dies again and again is not started for ever.
 struct SessionRecord {
-  URLSessionConfiguration configuration;
+  std::string identifier;
+  std::string stateDirectory;
+  std::string partialDirectory;  // as configured
   bool wantsToRun = false;
   uint32_t launches = 0;  // of the launch command, since an event was acknowledged
+  bool operator==(const SessionRecord&) const = default;
+
+  // What finds the store, and nothing else.
+  URLSessionConfiguration configuration() const;
 };
 
-// One file per session, "<hash of the identifier>.session", in one directory (0700, files 0600):
-// a text of the opening message as it passed the socket, wantsToRun, launches. Damaged files are
-// ignored and removed.
+// One file per session, "<hash of the store's path>.session", in one directory (0700, files 0600).
+// Damaged files are ignored and removed.
 class SessionRegistry {
  public:
   explicit SessionRegistry(std::string directory);
 
   std::vector<SessionRecord> load() const;
+  std::optional<SessionRecord> find(const std::string& key) const;
   void save(const SessionRecord& record) const;
   void remove(const std::string& key) const;
 
@@ -33,6 +40,7 @@ class SessionRegistry {
 
  private:
   std::string pathOf(const std::string& key) const;
+  std::optional<SessionRecord> read(const std::string& path) const;
 
   const std::string directory_;
 };
