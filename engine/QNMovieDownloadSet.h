@@ -58,7 +58,8 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
   static std::shared_ptr<QNMovieDownloadSet> downloadSetWithPlaylist(
       std::shared_ptr<QNPlaylist> playlist, const std::string& downloadPath,
       const std::string& manifestName, const std::string& sourceURL, const std::string& downloadId,
-      const std::shared_ptr<QNSessionController>& controller, Construction construction = {});
+      const std::shared_ptr<QNSessionController>& controller,
+      const Construction& construction = {});
 
   QNMovieDownloadSet(const QNMovieDownloadSet&) = delete;
   QNMovieDownloadSet& operator=(const QNMovieDownloadSet&) = delete;

@@ -72,7 +72,7 @@ bool isSelectable(const QNQuality& quality) {
 std::shared_ptr<QNMovieDownloadSet> QNMovieDownloadSet::downloadSetWithPlaylist(
     std::shared_ptr<QNPlaylist> playlist, const std::string& downloadPath,
     const std::string& manifestName, const std::string& sourceURL, const std::string& downloadId,
-    const std::shared_ptr<QNSessionController>& controller, Construction construction) {
+    const std::shared_ptr<QNSessionController>& controller, const Construction& construction) {
   if (!playlist || playlist->movies().empty() || !playlist->movies().front())
     misuse("Playlist has no movie");
   auto mutex =

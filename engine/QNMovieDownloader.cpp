@@ -148,7 +148,7 @@ Configurator& configurator() {
 }  // namespace
 
 std::shared_ptr<QNMovieDownloader> QNMovieDownloader::initWithIdentifier(
-    std::optional<std::string> identifier, bool cellularAccess, bool discretionaryMode,
+    const std::optional<std::string>& identifier, bool cellularAccess, bool discretionaryMode,
     std::optional<std::string> downloadPath, const ConfigureSession& configure) {
   std::string path = downloadPath ? std::move(*downloadPath)
                                   : FileManager::pathByAppending(FileManager::documentsDirectory(),
@@ -160,13 +160,13 @@ std::shared_ptr<QNMovieDownloader> QNMovieDownloader::initWithIdentifier(
 }
 
 std::shared_ptr<QNMovieDownloader> QNMovieDownloader::initWithIdentifier(
-    std::optional<std::string> identifier, bool cellularAccess, bool discretionaryMode) {
-  return initWithIdentifier(std::move(identifier), cellularAccess, discretionaryMode, std::nullopt);
+    const std::optional<std::string>& identifier, bool cellularAccess, bool discretionaryMode) {
+  return initWithIdentifier(identifier, cellularAccess, discretionaryMode, std::nullopt);
 }
 
 std::shared_ptr<QNMovieDownloader> QNMovieDownloader::initWithIdentifier(
-    std::optional<std::string> identifier) {
-  return initWithIdentifier(std::move(identifier), false, false);
+    const std::optional<std::string>& identifier) {
+  return initWithIdentifier(identifier, false, false);
 }
 
 std::shared_ptr<QNMovieDownloader> QNMovieDownloader::init() {
@@ -270,7 +270,7 @@ std::string QNMovieDownloader::downloadIdWithURL(const std::string& url) const {
 std::string QNMovieDownloader::downloadIdWithURL(const std::string& url,
                                                  const std::string& downloadPath) {
   const auto parsed = platform::URL::URLWithString(url);
-  const std::string older = olderDownloadId(parsed);
+  std::string older = olderDownloadId(parsed);
   const auto entries = FileManager::defaultManager().contentsOfDirectory(downloadPath);
   if (entries) {
     for (const auto& entry : *entries) {

@@ -49,12 +49,12 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
   // what it left unfinished is not found again. Default download path: "QNMovieDownloader" in the
   // user's documents directory.
   static std::shared_ptr<QNMovieDownloader> initWithIdentifier(
-      std::optional<std::string> identifier, bool cellularAccess, bool discretionaryMode,
+      const std::optional<std::string>& identifier, bool cellularAccess, bool discretionaryMode,
       std::optional<std::string> downloadPath, const ConfigureSession& configure = {});
   static std::shared_ptr<QNMovieDownloader> initWithIdentifier(
-      std::optional<std::string> identifier, bool cellularAccess, bool discretionaryMode);
+      const std::optional<std::string>& identifier, bool cellularAccess, bool discretionaryMode);
   static std::shared_ptr<QNMovieDownloader> initWithIdentifier(
-      std::optional<std::string> identifier);
+      const std::optional<std::string>& identifier);
   static std::shared_ptr<QNMovieDownloader> init();
   // One for the process, "QNMovieDownloader/SharedSession", made with the first call (which throws
   // what opening the session throws; the next one tries again).

@@ -137,24 +137,25 @@ bool QNMovieDownloader::cancel(const Set& set) {
   return true;
 }
 
-bool QNMovieDownloader::remove(const Set& given) {
+bool QNMovieDownloader::remove(const Set& set) {
   const auto self = shared_from_this();
-  const Set set = given;  // a delegate may drop the caller's
   RecursiveLock lock(mutex_);
   const auto task = begin("QNMovieDownloader: Remove download");
   _validateSet(set);
   // The identifier decides: what is active may be a later object of the same download. From here on
-  // a delegate can start neither again, and neither writes to the directory.
-  const Set active = activeSet(set->downloadId());
-  for (const Set& one : {set, active})
+  // a delegate can start neither again, and neither writes to the directory. Both are held: a
+  // delegate may drop the caller's.
+  const Sets sets = {set, activeSet(set->downloadId())};
+  for (const Set& one : sets)
     one->setRemoved(true);
-  for (const Set& one : {set, active}) {
+  for (const Set& one : sets) {
     if (one->status() != QNDownloadStatusIdle) _cancel(one);
   }
+  const Set& active = sets.back();
   // A delegate may have removed it meanwhile, and put another download in its place.
   if (isActive(active)) {
     try {
-      _remove(set);
+      _remove(sets.front());
     } catch (...) {
       active->setRemoved(false);
       throw;

@@ -72,7 +72,7 @@ void QNMovieDownloader::resourceDetachTask(const Resource& /*resource*/,
 QNMovieDownloader::Resource QNMovieDownloader::resourceOfTask(const Task& task) {
   const auto entry = tasks_.find(task);
   if (entry == tasks_.end()) return nullptr;
-  const Resource resource = entry->second;
+  Resource resource = entry->second;
   if (setOf(*resource)) return resource;
   tasks_.erase(entry);
   task->cancel();

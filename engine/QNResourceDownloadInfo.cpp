@@ -53,10 +53,10 @@ struct QNResourceBlock : std::enable_shared_from_this<QNResourceBlock> {
 };
 
 std::shared_ptr<QNResourceDownloadInfo> QNResourceDownloadInfo::infoWithResource(
-    std::shared_ptr<QNRangedURL> resource, const std::string& downloadPath,
+    const std::shared_ptr<QNRangedURL>& resource, const std::string& downloadPath,
     const std::shared_ptr<QNQualityDownloadInfo>& quality, size_t index,
     QNDownloadSize expectedSize, const std::shared_ptr<QNSessionController>& controller) {
-  auto list = std::make_shared<const QNResourceBlock::List>(1, std::move(resource));
+  auto list = std::make_shared<const QNResourceBlock::List>(1, resource);
   auto block = std::make_shared<QNResourceBlock>(std::move(list), index,
                                                  std::make_shared<const std::string>(downloadPath),
                                                  quality, controller);

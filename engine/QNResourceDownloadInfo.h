@@ -32,7 +32,7 @@ class QN_EXPORT QNResourceDownloadInfo final : public QNDownloadStats {
   // `quality` and `controller` are held weakly. `expectedSize` is a fallback: a resource with a
   // stated length expects exactly that.
   static std::shared_ptr<QNResourceDownloadInfo> infoWithResource(
-      std::shared_ptr<QNRangedURL> resource, const std::string& downloadPath,
+      const std::shared_ptr<QNRangedURL>& resource, const std::string& downloadPath,
       const std::shared_ptr<QNQualityDownloadInfo>& quality, size_t index,
       QNDownloadSize expectedSize, const std::shared_ptr<QNSessionController>& controller);
   // The resources of a whole list, index i for entry i.
