@@ -118,6 +118,8 @@ std::optional<pid_t> StoreLock::holder(const std::string& directory) {
 
 StoreLock::~StoreLock() {
   forget(fd_);
+  // A child that was forked this instant has the file, too, and may not have closed it yet.
+  ::flock(fd_, LOCK_UN);
   ::close(fd_);
 }
 

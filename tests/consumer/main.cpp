@@ -79,9 +79,23 @@ void checkEngine() {
   expect(refused, "the manifest parsers");
 }
 
+// Finds the installed service, wherever the tree lies.
+void checkService() {
+  auto configuration =
+      platform::URLSessionConfiguration::backgroundSessionConfigurationWithIdentifier("consumer");
+  configuration.useService = true;
+  try {
+    const auto delegate = std::make_shared<Delegate>();
+    platform::URLSession::sessionWithConfiguration(configuration, delegate);
+  } catch (const platform::Exception& exception) {
+    expect(false, exception.reason().c_str());
+  }
+}
+
 }  // namespace
 
 int main() {
+  checkService();
   checkPlatform();
   checkRegistry();
   checkEngine();

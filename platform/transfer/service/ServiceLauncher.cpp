@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -86,19 +87,32 @@ std::vector<std::string> environmentWith(std::map<std::string, std::string> chan
   return environment;
 }
 
+std::string directoryOf(const std::string& path) {
+  return path.substr(0, path.rfind('/'));
+}
+
 std::string serviceProgram() {
   if (const char* own = std::getenv("QN_TRANSFERD"); own && *own) return own;
+  std::vector<std::string> places;
   char self[PATH_MAX];
   const ssize_t size = ::readlink("/proc/self/exe", self, sizeof(self));
   if (size > 0) {
-    std::string directory(self, static_cast<size_t>(size));
-    directory.resize(directory.rfind('/'));
+    const std::string directory = directoryOf({self, static_cast<size_t>(size)});
     // Beside it; as installed, wherever the tree was moved to; as built.
-    for (const char* place :
-         {"/qn-transferd", "/../libexec/qn-transferd", "/../bin/qn-transferd"}) {
-      const std::string program = directory + place;
-      if (::access(program.c_str(), X_OK) == 0) return program;
-    }
+    for (const char* place : {"/", "/../libexec/", "/../bin/"})
+      places.push_back(directory + place);
+  }
+  // The library's own tree, whose "lib" may have one more level.
+  Dl_info library = {};
+  static const char inThisLibrary = 0;
+  if (::dladdr(&inThisLibrary, &library) != 0 && library.dli_fname && *library.dli_fname == '/') {
+    const std::string directory = directoryOf(library.dli_fname);
+    for (const char* place : {"/../libexec/", "/../../libexec/"})
+      places.push_back(directory + place);
+  }
+  for (const std::string& place : places) {
+    const std::string program = place + "qn-transferd";
+    if (::access(program.c_str(), X_OK) == 0) return program;
   }
   return QN_TRANSFERD_PATH;
 }

@@ -16,7 +16,7 @@ namespace platform::service {
 struct ServicePlace {
   std::string socket;
   // $QN_TRANSFERD, else beside this program or in "../libexec" or "../bin" of its directory, else
-  // where it was installed.
+  // in the "libexec" of the tree that the library lies in, else where it was installed.
   std::string program;
   std::vector<std::string> environment;
 
