@@ -26,13 +26,22 @@ const SmoothStreaming::TrackElement& trackElementAt(const QNSmoothStreamElement&
   return *elements[index];
 }
 
-// The four bytes of a code as text, up to the first zero byte.
+// The four bytes of a code as text, up to the first zero byte. The cut may have split a character.
 std::string fourCCOf(const SmoothStreaming::TrackElement& element) {
-  return element.fourCC().c_str();
+  return qnc::FastString(element.fourCC().c_str()).toValidUTF8().str();
 }
 
 std::string identifierOf(const SmoothStreaming::TrackElement& element) {
   return std::to_string(static_cast<int32_t>(element.index()));
+}
+
+// Says which streams the model leaves out.
+void noteOmissions(const SmoothStreaming::Media& media, QNPlaylist& playlist) {
+  const auto& streams = media.streamElements();
+  for (size_t i = 0; i < streams.size(); ++i) {
+    if (!streams[i]->trackElements().empty()) continue;
+    playlist.addOmission("stream " + std::to_string(i + 1) + " has no quality level");
+  }
 }
 
 }  // namespace
@@ -54,6 +63,7 @@ std::shared_ptr<QNPlaylist> QNSmoothStreamingPlaylist::playlistWithManifest(
     const SmoothStreaming::Media& media) {
   const auto playlist = std::make_shared<QNSmoothStreamingPlaylist>(size_t{1});
   playlist->addMovie(QNSmoothStreamingMovie::movieWithMedia(media, playlist));
+  noteOmissions(media, *playlist);
   QNManifestResourceListBuilder::shareBudget(*playlist);
   return playlist;
 }

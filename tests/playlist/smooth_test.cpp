@@ -60,6 +60,7 @@ TEST(Smooth, StreamsBecomeTracksOfOneMovie) {
             "text 120 subs_ttml  { 0 TTML 9 ((null) [TTML]) } }");
   EXPECT_EQ(playlist->movies()[0]->parent(), playlist);
   EXPECT_EQ(firstTrack(playlist)->language(), "") << "empty, not absent";
+  EXPECT_EQ(playlist->omissions(), (std::vector<std::string>{"stream 4 has no quality level"}));
 }
 
 TEST(Smooth, QualitiesCarryWhatTheManifestGives) {
@@ -81,6 +82,9 @@ TEST(Smooth, QualitiesCarryWhatTheManifestGives) {
       quality("text", "<QualityLevel Bitrate='9' FourCC='DFXPlus' MaxWidth='7' MaxHeight='8'/>"));
   ASSERT_TRUE(t);
   EXPECT_EQ(t->fourCC(), "DFXP") << "cut to four characters";
+  EXPECT_EQ(quality("text", "<QualityLevel Bitrate='9' FourCC='ABC\xE2\x82\xAC'/>")->fourCC(),
+            "ABC\xEF\xBF\xBD")
+      << "a character that the cut splits";
   EXPECT_EQ(t->text(), std::nullopt);
   EXPECT_EQ(t->width(), 7u);
   EXPECT_EQ(t->height(), 8u);
