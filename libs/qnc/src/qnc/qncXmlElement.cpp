@@ -7,9 +7,11 @@
 namespace qnc::xml {
 namespace {
 
-// Names differ mostly in their size or first character.
+// Names differ mostly in their size or first character, and the frequent ones have no other.
 bool same(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && (a.empty() || (a.front() == b.front() && a == b));
+  if (a.size() != b.size()) return false;
+  if (a.empty()) return true;
+  return a.front() == b.front() && (a.size() == 1 || a == b);
 }
 
 // The attribute of a node by local name: the one without prefix, else the first.
