@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "platform/transfer/CurlLoop.h"
+#include "platform/transfer/DiscretionaryGate.h"
 
 namespace platform {
 namespace {
@@ -44,9 +45,14 @@ TransferScheduler::TransferScheduler(TransferLedger& ledger, CurlLoop& loop, Tra
       options_(options),
       limiter_(options.bytesPerSecond),
       flusher_([&loop] { loop.wake(); }),
-      random_(std::random_device{}()) {}
+      random_(std::random_device{}()) {
+  if (options.discretionary) DiscretionaryGate::shared().addSession(this, [&loop] { loop.wake(); });
+}
 
-TransferScheduler::~TransferScheduler() = default;
+TransferScheduler::~TransferScheduler() {
+  auto& gate = DiscretionaryGate::shared();
+  options_.discretionary ? gate.removeSession(this) : gate.setWaits(this, false);
+}
 
 // --- Jobs ---------------------------------------------------------------------------------------
 
@@ -242,6 +248,7 @@ void TransferScheduler::setNetwork(const NetworkStatus& status) {
 
 void TransferScheduler::startQueued() {
   if (networkWait() != URLSessionTaskWait::None) return;
+  if (options_.discretionary && !DiscretionaryGate::shared().isOpen()) return;
   if (!limiter_.mayRead(now())) {
     nextReleaseMs_ = std::min(nextReleaseMs_, limiter_.nextReadMs(now()));
     return;
@@ -331,6 +338,17 @@ void TransferScheduler::endRound() {
   commitEndings();
   report();
   tellQueued();
+  tellOthers();
+}
+
+// Discretionary sessions of this process start nothing while a task waits here.
+void TransferScheduler::tellOthers() {
+  if (options_.discretionary) return;
+  const bool waits = std::any_of(hosts_.begin(), hosts_.end(), [](const auto& host) {
+    return !host.second->queue.empty() || !host.second->backlog.empty();
+  });
+  if (std::exchange(othersKnowThatTasksWait_, waits) != waits)
+    DiscretionaryGate::shared().setWaits(this, waits);
 }
 
 void TransferScheduler::takeTouched() {
@@ -708,6 +726,7 @@ void TransferScheduler::stop() {
   takeFlushed();
   jobs_.clear();
   hosts_.clear();
+  tellOthers();
   active_ = 0;
 }
 

@@ -144,6 +144,7 @@ class TransferScheduler final : public Download::Owner {
                 const std::string& detail = {});
   void tellQueued();
   URLSessionTaskWait networkWait() const;
+  void tellOthers();
   int64_t now() const { return clock_.nowMs(); }
   double random() { return std::uniform_real_distribution<>(0, 1)(random_); }
 
@@ -154,6 +155,7 @@ class TransferScheduler final : public Download::Owner {
   std::unordered_map<TransferTaskId, std::unique_ptr<Job>> jobs_;
   std::map<std::string, std::unique_ptr<Host>> hosts_;
   NetworkStatus network_;
+  bool othersKnowThatTasksWait_ = false;
   int active_ = 0;
   std::vector<TransferTaskId> touched_;
   std::vector<TransferTaskId> ended_;

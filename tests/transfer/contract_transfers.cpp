@@ -187,6 +187,35 @@ TEST_P(TransferContract, KeepsTheLimitPerHost) {
     EXPECT_EQ(app.completed(task).summary().substr(0, 6), "wfc 20");
 }
 
+TEST_P(TransferContract, DiscretionarySessionsWaitForTheTasksOfOthers) {
+  harness.configuration().maximumConnectionsPerHost = 1;
+  app.launch();
+  harness.serveHeld("/one", 1000, 10);
+  harness.serveHeld("/two", 1000, 10);
+  harness.serve("/later", 1000);
+  const auto one = app.start("/one");
+  const auto two = app.start("/two");
+  ASSERT_TRUE(
+      app.recorder->waitUntil([&] { return two->waitReason().wait == URLSessionTaskWait::Limit; }));
+  auto configuration = harness.configuration();
+  configuration.identifier += ".discretionary";
+  configuration.discretionary = true;
+  const TempDirectory directory;
+  const auto recorder = std::make_shared<SessionRecorder>(directory.path());
+  const auto session = platform::URLSession::sessionWithConfiguration(configuration, recorder);
+  const auto later = session->downloadTaskWithRequest(app.request("/later"));
+  later->resume();
+  EXPECT_TRUE(
+      recorder->waitUntil([&] { return later->waitReason().wait == URLSessionTaskWait::Limit; }));
+  EXPECT_EQ(server.requestCount("/later"), 0u);
+  // It starts while the last one of the others is still transferred.
+  server.release("/one");
+  EXPECT_EQ(app.completed(one).summary(), "wfc 200");
+  EXPECT_TRUE(recorder->waitForCompletion(later->taskIdentifier()));
+  server.release("/two");
+  EXPECT_EQ(app.completed(two).summary(), "wfc 200");
+}
+
 // More than are looked at before their turn.
 TEST_P(TransferContract, TasksFarBehindWaitAndHeedTheirCallsToo) {
   constexpr size_t kMany = 400;
