@@ -100,7 +100,7 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
   void removeAllDownloadedQualities();
 
   // False when something is active already, or nothing was there to be started. The set's headers
-  // win over the call's.
+  // win over the call's. Asserts "Controller is required to be non-null": the downloader is gone.
   bool downloadWithAdditionalHeaders(const QNHeadersPtr& headers);
   // Nothing happens when nothing runs, waits, respectively is active.
   void pause();

@@ -15,7 +15,8 @@ QN_EXPORT bool QNCheckLogTap(int level, const std::string& message);
 QN_EXPORT void QNLog(int level, const std::string& message);
 
 // The host's tap: whether it wants a level, and where messages go (any thread, several at a time
-// never). Null functions restore the default: level 16 and above to standard error, unless the
-// environment variable QN_LOG_LEVEL says another level.
+// never). It is called with locks of this library held: it must neither throw nor call back into it
+// nor wait for a thread that does. Null functions restore the default: level 16 and above to
+// standard error, unless the environment variable QN_LOG_LEVEL says another level.
 QN_EXPORT void QNSetLogTap(std::function<bool(int level)> wants,
                            std::function<void(int level, const std::string&)> log);
