@@ -118,7 +118,9 @@ void HttpExchange::buildHeaderList() {
 void HttpExchange::pause() {
   if (paused_ || !inLoop_) return;
   paused_ = true;
-  curl_easy_pause(easy_, CURLPAUSE_RECV);
+  // Before its first byte a response is paused when its body begins: libcurl may fail a transfer
+  // that was paused earlier than that.
+  if (headDone_) curl_easy_pause(easy_, CURLPAUSE_RECV);
 }
 
 void HttpExchange::unpause() {
@@ -192,6 +194,7 @@ size_t HttpExchange::bodyCallback(char* bytes, size_t size, size_t count, void* 
     self->redirectBody_ += length;
     return self->redirectBody_ > kMaximumRedirectBody ? 0 : length;
   }
+  if (self->paused_) return CURL_WRITEFUNC_PAUSE;
   self->stoppedByObserver_ = !self->observer_.exchangeDidReceiveBody(bytes, length);
   return self->stoppedByObserver_ ? 0 : length;
 }
@@ -209,7 +212,6 @@ void HttpExchange::done(CURL* easy, int curlCode) {
 
 void HttpExchange::finishHop(int curlCode) {
   inLoop_ = false;
-  paused_ = false;
   if (stoppedByObserver_) return complete({URLErrorCancelled, false, {}});
   if (!redirectFailure_.succeeded()) return complete(redirectFailure_);
   if (!redirect_) {

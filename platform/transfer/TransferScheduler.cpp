@@ -162,7 +162,7 @@ void TransferScheduler::removeJob(Job& job) {
 void TransferScheduler::suspend(Job& job) {
   if (job.state == State::Graced) return;
   tellWait(job, URLSessionTaskWait::Suspended);
-  if (job.state == State::Active && job.download && job.download->responses() > 0) {
+  if (job.state == State::Active && job.download) {
     job.download->pause();
     leaveActive(job);
     setTrying(job, false);

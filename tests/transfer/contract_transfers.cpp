@@ -127,6 +127,26 @@ TEST_P(TransferContract, ResumesTheSameConnectionAfterAShortSuspension) {
   EXPECT_EQ(server.requestCount(), 1U);
 }
 
+TEST_P(TransferContract, ResumesTheSameRequestThatHadNoResponseYet) {
+  Fault late;
+  late.delaySeconds = 0.2;
+  Fault redirect = Fault::redirect("/a");
+  redirect.delaySeconds = 0.2;
+  for (const auto& [path, fault] : {std::pair("/a", late), std::pair("/redirect", redirect)}) {
+    server.clearLog();
+    server.serve("/a", kSize);
+    server.script(path, {fault});
+    app.relaunch();
+    const auto task = app.start(path);
+    ASSERT_TRUE(server.waitForRequests(path, 1, kEventDeadlineSeconds));
+    task->suspend();
+    task->resume();
+    EXPECT_EQ(app.completed(task).summary(), "wfc 200") << path;
+    EXPECT_EQ(server.requestCount(path), 1U);
+    EXPECT_EQ(server.requestCount("/a"), 1U);
+  }
+}
+
 TEST_P(TransferContract, TransfersNothingForASuspendedTask) {
   server.serve("/a", kSize);
   server.serve("/b", kSize);
