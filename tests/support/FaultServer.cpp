@@ -592,7 +592,10 @@ bool FaultServer::waitForRequests(const std::string& path, size_t count, double 
 
 bool FaultServer::waitForNoConnections(double seconds) const {
   return impl_->waitFor(seconds, [&] {
-    return std::all_of(impl_->workers.begin(), impl_->workers.end(),
+    pollfd waiting{impl_->listener, POLLIN, 0};  // what a dead client left there comes, too
+    const bool none = ::poll(&waiting, 1, 0) <= 0 || (waiting.revents & POLLIN) == 0;
+    return none &&
+           std::all_of(impl_->workers.begin(), impl_->workers.end(),
                        [](const auto& worker) { return worker.second.connection == nullptr; });
   });
 }

@@ -1,38 +1,20 @@
 // A movie whose downloader is killed again and again.
 
-#include <chrono>
-#include <cstdlib>
 #include <iostream>
-#include <random>
-#include <thread>
 
 #include <gtest/gtest.h>
 
+#include "tests/support/RandomKills.h"
 #include "tests/transfer/MovieRun.h"
 
 namespace qntest {
 namespace {
 
-// $QN_KILLS and $QN_SEED change a run; the seed is printed, so that a failing one can be repeated.
-unsigned numberFrom(const char* variable, unsigned otherwise) {
-  const char* text = std::getenv(variable);
-  return text != nullptr ? static_cast<unsigned>(std::strtoul(text, nullptr, 10)) : otherwise;
-}
-
 constexpr unsigned kKills = 25;
 constexpr double kLaunchSeconds = 30;
 
-void sleepMs(unsigned milliseconds) {
-  std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
-}
-
 TEST(KillLoop, MovieSurvivesKillsAtRandomInstants) {
-  const unsigned kills = numberFrom("QN_KILLS", kKills);
-  const unsigned seed = numberFrom("QN_SEED", std::random_device()());
-  std::cout << "seed " << seed << ", " << kills << " kills" << std::endl;
-  std::mt19937 random(seed);
-  const auto below = [&](unsigned bound) { return static_cast<unsigned>(random() % bound); };
-
+  RandomKills random(kKills);
   MovieRun run({});
   // So that transfers are under way when the kill comes, some of them for a long time.
   run.server().setChooser([](const FaultRequest& request) {
@@ -40,13 +22,13 @@ TEST(KillLoop, MovieSurvivesKillsAtRandomInstants) {
     paced.bytesPerSecond = request.path.back() == '7' ? 1e5 : 2e6;
     return paced;
   });
-  for (unsigned kill = 0; kill < kills && !testing::Test::HasFailure();) {
+  for (unsigned kill = 0; kill < random.count() && !testing::Test::HasFailure();) {
     run.start();
     if (kill % 5 == 4) {
-      sleepMs(below(60));  // while it starts
+      random.sleepBelow(60);  // while it starts
     } else {
       EXPECT_TRUE(run.waitForLine("launch", kLaunchSeconds));
-      sleepMs(below(kill % 5 == 2 ? 900 : 120));
+      random.sleepBelow(kill % 5 == 2 ? 900 : 120);
     }
     if (run.child().wait(0)) {
       run.finishAndCompare();
