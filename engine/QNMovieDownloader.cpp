@@ -382,6 +382,7 @@ QNMovieDownloader::Set QNMovieDownloader::activeOrStoredSet(const std::string& u
                                                             const std::string& downloadId,
                                                             platform::ErrorPtr* error) {
   if (Set set = activeSet(downloadId)) return set;
+  if (removingAll_) return nullptr;
   const std::string directory = directoryOf(downloadId);
   const std::string name = findManifestLocalNameForDownloadId(downloadId);
   const auto playlist =

@@ -219,6 +219,7 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
   std::string downloadPath_ GUARDED_BY(pathMutex_);
   QNHeadersPtr additionalHeaders_ GUARDED_BY(mutex_);
   std::map<std::string, Set> downloadIdSetMap_ GUARDED_BY(mutex_);
+  bool removingAll_ GUARDED_BY(mutex_) = false;  // nothing that is stored becomes active
   std::unordered_map<Task, Resource> tasks_ GUARDED_BY(mutex_);
   std::vector<std::function<void()>> backgroundCompletionHandlers_ GUARDED_BY(mutex_);
 };

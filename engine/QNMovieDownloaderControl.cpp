@@ -44,6 +44,20 @@ class ScopedBackgroundTask {
   const Application::BackgroundTask task_;
 };
 
+template <class T>
+class ScopedValue {
+ public:
+  ScopedValue(T& variable, T value)
+      : variable_(variable), before_(std::exchange(variable, value)) {}
+  ~ScopedValue() { variable_ = before_; }
+  ScopedValue(const ScopedValue&) = delete;
+  ScopedValue& operator=(const ScopedValue&) = delete;
+
+ private:
+  T& variable_;
+  const T before_;
+};
+
 std::string parentOf(const std::string& path) {
   const size_t end = path.find_last_not_of('/');
   const size_t slash = path.rfind('/', end);
@@ -226,6 +240,8 @@ void QNMovieDownloader::removeAll() {
   const auto self = shared_from_this();
   RecursiveLock lock(mutex_);
   const ScopedBackgroundTask task("QNMovieDownloader: Remove all");
+  // What a delegate finds stored meanwhile is on its way out.
+  const ScopedValue<bool> removing(removingAll_, true);
   const Sets sets = setsInMap();
   for (const Set& set : sets)
     set->setRemoved(true);

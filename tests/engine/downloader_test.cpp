@@ -461,6 +461,10 @@ TEST_F(Downloader, RemovesEverythingAlsoWhatWasNeverActive) {
   world.root.write("downloads/other/manifest.mpd", "x");
   world.root.write("downloads/other/QNMovieDownloadSetProperties.json", "{}");
   const auto set = started();
+  world.delegate->react = [&](const auto& told, const std::string&) {
+    world.downloader->remove(told);
+    EXPECT_EQ(movie(), nullptr) << "nor what a delegate brings back meanwhile";
+  };
   world.downloader->removeAll();
   EXPECT_EQ(world.delegate->take(), "status idle\n");
   EXPECT_FALSE(std::filesystem::exists(world.root.path("downloads")));
