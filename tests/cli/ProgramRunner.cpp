@@ -94,8 +94,16 @@ void Process::_collect(int fd, std::string& into) {
     const ssize_t count = ::read(fd, buffer, sizeof buffer);
     if (count < 0 && errno == EINTR) continue;
     if (count <= 0) return;  // a terminal whose other end is closed gives EIO
+    const std::lock_guard lock(mutex_);
     into.append(buffer, static_cast<size_t>(count));
+    changed_.notify_all();
   }
+}
+
+bool Process::waitForError(const std::string& text, double seconds) {
+  std::unique_lock lock(mutex_);
+  return changed_.wait_for(lock, std::chrono::duration<double>(seconds),
+                           [&] { return err_.find(text) != std::string::npos; });
 }
 
 void Process::signal(int number) const {
@@ -142,6 +150,7 @@ void ProgramRunner::setEnvironment(const std::string& name, const std::string& v
 std::unique_ptr<Process> ProgramRunner::start(std::vector<std::string> arguments,
                                               bool onTerminal) const {
   arguments.insert(arguments.begin(), QN_PROGRAM);
+  arguments.insert(arguments.begin(), prefix_.begin(), prefix_.end());
   return std::make_unique<Process>(std::move(arguments), environment_, onTerminal);
 }
 
@@ -173,7 +182,7 @@ std::map<std::string, std::string> filesBelow(const std::string& directory,
                                               const std::string& without) {
   std::map<std::string, std::string> files;
   for (const auto& entry : fs::recursive_directory_iterator(directory)) {
-    const std::string name = fs::relative(entry.path(), directory).string();
+    const std::string name = entry.path().lexically_relative(directory).string();
     if (entry.is_regular_file() && !name.starts_with(without)) {
       files[name] = readFile(entry.path().string()).value_or("");
     }

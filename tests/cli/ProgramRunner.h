@@ -1,9 +1,12 @@
 #pragma once
 
+#include <condition_variable>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <sys/types.h>
@@ -34,7 +37,10 @@ class Process {
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;
 
+  pid_t pid() const { return pid_; }
   void signal(int number) const;
+  // Until standard error holds the text; false when it does not come.
+  [[nodiscard]] bool waitForError(const std::string& text, double seconds = 30);
   // Fails the test, and kills, after the deadline.
   Ended wait(double seconds = 60);
 
@@ -44,7 +50,9 @@ class Process {
   pid_t pid_ = -1;
   int outFd_ = -1;
   int errFd_ = -1;
-  std::string out_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::string out_;  // guarded by the mutex, like the next
   std::string err_;
   std::vector<std::thread> readers_;
 };
@@ -66,6 +74,8 @@ class ProgramRunner {
     return startDownload(url, std::move(arguments))->wait();
   }
   void setEnvironment(const std::string& name, const std::string& value);
+  // Words before the program's name.
+  void setCommandPrefix(std::vector<std::string> words) { prefix_ = std::move(words); }
 
   std::string root() const { return home_.path("downloads"); }
   std::string state() const { return home_.path("state"); }
@@ -76,6 +86,7 @@ class ProgramRunner {
  private:
   TempDirectory home_;
   std::vector<std::string> environment_;
+  std::vector<std::string> prefix_;
 };
 
 // Serves every file below `directory` under "/<prefix>/...".

@@ -2,7 +2,10 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <sstream>
 #include <stdexcept>
 
 #include <fcntl.h>
@@ -72,6 +75,22 @@ void mountTmpfs(const std::string& path, int64_t bytes) {
   const std::string options = "size=" + std::to_string(bytes);
   if (mount("tmpfs", path.c_str(), "tmpfs", 0, options.c_str()) == 0) return;
   throw std::runtime_error("cannot mount a tmpfs at " + path + ": " + std::strerror(errno));
+}
+
+std::vector<std::string> commandOnTmpfs(const std::string& path, int64_t bytes, int64_t taken) {
+  for (const std::string command : {"unshare -m", "unshare -Ur -m"}) {
+    const std::string probe = command + " mount -t tmpfs none /mnt >/dev/null 2>&1";
+    if (std::system(probe.c_str()) != 0) continue;
+    std::istringstream words(command);
+    std::vector<std::string> line{std::istream_iterator<std::string>(words), {}};
+    line.insert(line.end(),
+                {"sh", "-c",
+                 "mount -t tmpfs -o size=" + std::to_string(bytes) + " none \"$0\" && head -c " +
+                     std::to_string(taken) + " /dev/zero > \"$0/ballast\" && exec \"$@\"",
+                 path});
+    return line;
+  }
+  return {};
 }
 
 }  // namespace qntest

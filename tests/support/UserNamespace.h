@@ -4,6 +4,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace qntest {
 
@@ -15,5 +16,10 @@ std::optional<bool> runInUserNamespace(const std::function<void()>& body);
 // Inside such a child: an empty tmpfs of that size at `path`, an existing directory. Throws when it
 // cannot be mounted.
 void mountTmpfs(const std::string& path, int64_t bytes);
+
+// The first words of a command line that runs the rest in a mount namespace of its own, with a
+// tmpfs of `bytes` at `path`, an existing directory, of which a file "ballast" takes `taken`.
+// Others see it below /proc/PID/root. Empty when this system allows no such namespace.
+std::vector<std::string> commandOnTmpfs(const std::string& path, int64_t bytes, int64_t taken);
 
 }  // namespace qntest

@@ -2,30 +2,18 @@
 
 #include <filesystem>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include "tests/support/SessionRecorder.h"
 #include "tests/support/TestContent.h"
+#include "tests/support/UserNamespace.h"
 #include "tests/transfer/ContractHarness.h"
 #include "tests/transfer/MovieRun.h"
 
 namespace qntest {
 namespace {
-
-// How this user gets a mount namespace; empty when there is no way, which is a failure here.
-std::vector<std::string> unshareCommand() {
-  for (const auto& command :
-       {std::vector<std::string>{"unshare", "-m"}, {"unshare", "-Ur", "-m"}}) {
-    auto probe = command;
-    probe.insert(probe.end(), {"mount", "-t", "tmpfs", "none", "/mnt"});
-    ChildProcess child(probe);
-    if (child.wait(kEventDeadlineSeconds) && child.result() == 0) return command;
-  }
-  return {};
-}
 
 class FullDisk : public testing::Test {
  protected:
@@ -41,14 +29,9 @@ class FullDisk : public testing::Test {
   FullDisk() {
     run.setBase(run.directory() + "/disk");
     std::filesystem::create_directories(run.directory() + "/disk");
-    run.commandPrefix = unshareCommand();
+    run.commandPrefix = commandOnTmpfs(run.directory() + "/disk", 12 << 20, 8 << 20);
     EXPECT_FALSE(run.commandPrefix.empty())
         << "neither root's mount namespace nor a user namespace";
-    run.commandPrefix.insert(run.commandPrefix.end(),
-                             {"sh", "-c",
-                              "mount -t tmpfs -o size=12m none \"$0\" && "
-                              "head -c 8388608 /dev/zero > \"$0/ballast\" && exec \"$@\"",
-                              run.directory() + "/disk"});
     run.environment["QN_TEST_WRITES_BELOW"] = "";
   }
   std::string inside(const std::string& path) {
