@@ -249,6 +249,7 @@ TEST(SmoothFragmentTest, KeepsManifestOutput) {
   ASSERT_EQ(all[1]->trackElements().size(), 2U);
   EXPECT_EQ(all[1]->trackElements()[0]->index(), 2U);
   EXPECT_EQ(all[1]->trackElements()[0]->manifestOutputSample(), "QUJD");
+  EXPECT_EQ(all[1]->trackElements()[1]->manifestOutputSample(), "x");
   EXPECT_TRUE(all[2]->trackElements().empty());
   EXPECT_EQ(all[3]->trackElements().size(), 1U);
 }

@@ -46,7 +46,6 @@ class Element {
   friend class Media;
   friend class Protection;
   friend class StreamElement;
-  friend class StreamFragmentElements;
   static std::string_view elementAttribute(const qnc::xml::Element& element, std::string_view name,
                                            bool optional, std::string_view defaultValue);
   void letGo() { rootElement_ = {}; }

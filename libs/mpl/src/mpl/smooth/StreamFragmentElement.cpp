@@ -18,6 +18,16 @@ uint64_t durationUntil(const qnc::xml::Element& next, uint64_t time) {
   return qnc::saturatingSub(nextTime, time);
 }
 
+SharedTrackFragments readTrackFragments(const qnc::xml::Element& element) {
+  std::shared_ptr<TrackFragmentElements> fragments;
+  for (const auto& child : element.children()) {
+    if (child.localName() != kTrackFragmentElement) continue;
+    if (!fragments) fragments = std::make_shared<TrackFragmentElements>();
+    fragments->append(TrackFragmentElement(child));
+  }
+  return fragments;
+}
+
 }  // namespace
 
 StreamFragmentElement::StreamFragmentElement(const qnc::xml::Element& element,
@@ -37,18 +47,20 @@ StreamFragmentElement::StreamFragmentElement(const qnc::xml::Element& element,
   int32_t repeats = 1;
   (void)!qnc::parseDecimal(element.attribute(kRepeatShortAttr), repeats);
   repeats_ = static_cast<uint32_t>(std::max(repeats, 1));
-  for (const auto& child : element.children()) {
-    if (child.localName() != kTrackFragmentElement) continue;
-    trackElements_.push_back(std::make_shared<TrackFragmentElement>(child));
-  }
+  trackElements_ = readTrackFragments(element);
 }
 
 StreamFragmentElement::StreamFragmentElement(uint32_t number, uint64_t time, uint64_t duration,
-                                             uint32_t repeats, TrackFragmentList trackElements)
+                                             uint32_t repeats, SharedTrackFragments trackElements)
     : number_(number),
       repeats_(repeats),
       time_(time),
       duration_(duration),
       trackElements_(std::move(trackElements)) {}
+
+const TrackFragmentElements& StreamFragmentElement::trackElements() const {
+  static const TrackFragmentElements none;
+  return trackElements_ ? *trackElements_ : none;
+}
 
 }  // namespace SmoothStreaming

@@ -1,15 +1,11 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
-#include <vector>
 
 #include "mpl/smooth/Element.h"
-#include "mpl/smooth/TrackFragmentElement.h"
+#include "mpl/smooth/TrackFragmentElements.h"
 
 namespace SmoothStreaming {
-
-using TrackFragmentList = std::vector<std::shared_ptr<TrackFragmentElement>>;
 
 // A "c" element: `repeats` fragments of the same duration, one after the other. Times are in the
 // stream's time-scale units and saturate at the limits of 64 bits.
@@ -27,19 +23,19 @@ class StreamFragmentElement : public Element {
   uint64_t time() const { return time_; }
   uint64_t duration() const { return duration_; }
   uint32_t repeats() const { return repeats_; }  // at least 1
-  const TrackFragmentList& trackElements() const { return trackElements_; }
+  const TrackFragmentElements& trackElements() const;
 
  private:
   friend class StreamFragmentElements;
   // As kept by a stream.
   StreamFragmentElement(uint32_t number, uint64_t time, uint64_t duration, uint32_t repeats,
-                        TrackFragmentList trackElements);
+                        SharedTrackFragments trackElements);
 
   uint32_t number_ = 0;
   uint32_t repeats_ = 1;
   uint64_t time_ = 0;
   uint64_t duration_ = 0;
-  TrackFragmentList trackElements_;
+  SharedTrackFragments trackElements_;
 };
 
 }  // namespace SmoothStreaming

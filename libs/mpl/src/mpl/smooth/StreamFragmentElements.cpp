@@ -7,9 +7,7 @@
 namespace SmoothStreaming {
 
 void StreamFragmentElements::append(StreamFragmentElement element) {
-  if (!element.trackElements_.empty()) {
-    for (const auto& track : element.trackElements_)
-      track->letGo();
+  if (element.trackElements_) {
     trackElements_.emplace_back(runs_.size(), std::move(element.trackElements_));
   }
   runs_.push_back(Run{element.time_, element.duration_, element.number_, element.repeats_});
@@ -22,7 +20,7 @@ std::shared_ptr<StreamFragmentElement> StreamFragmentElements::operator[](size_t
                                        [](const auto& entry, size_t i) { return entry.first < i; });
   const bool has = tracks != trackElements_.end() && tracks->first == index;
   return std::shared_ptr<StreamFragmentElement>(new StreamFragmentElement(
-      run.number, run.time, run.duration, run.repeats, has ? tracks->second : TrackFragmentList()));
+      run.number, run.time, run.duration, run.repeats, has ? tracks->second : nullptr));
 }
 
 }  // namespace SmoothStreaming

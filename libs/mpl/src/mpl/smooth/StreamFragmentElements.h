@@ -34,7 +34,7 @@ class StreamFragmentElements {
 
  private:
   std::vector<Run> runs_;
-  std::vector<std::pair<size_t, TrackFragmentList>> trackElements_;  // by index, where there are
+  std::vector<std::pair<size_t, SharedTrackFragments>> trackElements_;  // by index, where there are
   uint64_t fragmentCount_ = 0;
 };
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <utility>
 
 #include "mpl/smooth/Element.h"
 
@@ -19,6 +20,11 @@ class TrackFragmentElement : public Element {
   const qnc::FastString& manifestOutputSample() const { return manifestOutputSample_; }
 
  private:
+  friend class TrackFragmentElements;
+  // As kept by a fragment.
+  TrackFragmentElement(uint32_t index, qnc::FastString manifestOutputSample)
+      : index_(index), manifestOutputSample_(std::move(manifestOutputSample)) {}
+
   uint32_t index_;
   qnc::FastString manifestOutputSample_;
 };
