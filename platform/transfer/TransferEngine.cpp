@@ -113,6 +113,11 @@ void TransferEngine::post(std::function<void(CurlLoop&)> block) {
   loop_->wake();
 }
 
+void TransferEngine::tellWaitsAgain() {
+  tellsWaitsAgain_.store(true);
+  loop_->wake();
+}
+
 void TransferEngine::tell(std::vector<TransferEvent>&& events) {
   const uint64_t mark = ledger_.storedMark().number;
   std::shared_ptr<const Sink> sink;
@@ -160,6 +165,7 @@ void TransferEngine::runRound() {
   if (networkChanged_.exchange(false)) scheduler_->setNetwork(monitor_.status());
   for (const TransferTaskId id : touched)
     scheduler_->taskChanged(id);
+  if (tellsWaitsAgain_.exchange(false)) scheduler_->tellWaitsAgain();
   scheduler_->endRound();
   auto events = scheduler_->takeEvents();
   const int64_t since = ledger_.uncommittedSinceMs();

@@ -51,6 +51,8 @@ class TransferEngine final : public TransferBackend {
   [[nodiscard]] bool saveOptions(const TransferOptions& options) {
     return ledger_.saveSession(options);
   }
+  // To a front that was not there when they were told.
+  void tellWaitsAgain();
   // Runs the block on the engine's thread, as soon as there is one and it is not closed.
   void post(std::function<void(CurlLoop&)> block);
 
@@ -77,6 +79,7 @@ class TransferEngine final : public TransferBackend {
   std::thread thread_;  // set by start(), joined by close()
   std::atomic<bool> stop_{false};
   std::atomic<bool> networkChanged_{true};
+  std::atomic<bool> tellsWaitsAgain_{false};
   NetworkMonitor& monitor_;
   NetworkMonitor::Watcher watcher_ = 0;
 };

@@ -693,6 +693,17 @@ void TransferScheduler::tellQueued() {
   }
 }
 
+void TransferScheduler::tellWaitsAgain() {
+  tellAllQueued_ = true;
+  for (const auto& [id, job] : jobs_) {
+    const auto told = std::exchange(job->toldWait, URLSessionTaskWait::None);
+    if (job->state == State::Retrying) tellWait(*job, URLSessionTaskWait::Retry, job->untilMs);
+    if (job->state == State::DiskFull) tellWait(*job, told, 0, ledger_.files().directory());
+  }
+  for (const auto& [name, host] : hosts_)
+    host->toldBacklog = URLSessionTaskWait::None;
+}
+
 void TransferScheduler::tellBacklog(Host& host) {
   std::vector<TransferTaskId> ids;
   ids.swap(host.newInBacklog);

@@ -36,6 +36,8 @@ class TransferScheduler final : public Download::Owner {
   // The application's wish for a task may have changed.
   void taskChanged(TransferTaskId id);
   void setNetwork(const NetworkStatus& status);
+  // Also those that were told.
+  void tellWaitsAgain();
   // After each round of network events: takes stock and starts what may start.
   void endRound();
   // When endRound() has something to do although nothing happens; kNeverMs: not at all.

@@ -196,7 +196,9 @@ TEST_P(TransferContract, KeepsTheLimitPerHost) {
   };
   EXPECT_TRUE(app.recorder->waitUntil([&] { return waiting() == 6; }));
   EXPECT_EQ(server.maximumConcurrent(), 2);
-  // Whoever opens the session again may want others.
+  // Whoever opens the session again is told the same, and may want other limits.
+  tasks = app.relaunch();
+  EXPECT_TRUE(app.recorder->waitUntil([&] { return waiting() == 6; }));
   app.close();
   harness.configuration().maximumConnectionsPerHost = 5;
   tasks = app.launch();

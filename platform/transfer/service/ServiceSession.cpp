@@ -187,11 +187,11 @@ void ServiceSession::start() {
 }
 
 size_t ServiceSession::attach() {
-  start();
   collect();
   attached_ = true;
   order_.clear();
   pending_.clear();
+  start();
   auto held = engine_->heldEvents();
   const size_t count = held.size();
   for (TransferEvent& ending : held)
@@ -208,6 +208,7 @@ void ServiceSession::detach() {
 
 void ServiceSession::talk(std::unique_ptr<ServiceConnection> connection) {
   auto line = std::make_shared<ServiceLine>(std::move(connection), *this);
+  engine_->tellWaitsAgain();
   engine_->post([this, line](CurlLoop& loop) {
     isTalking_.store(true);
     collect();
