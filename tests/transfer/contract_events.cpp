@@ -3,6 +3,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <filesystem>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -132,16 +133,24 @@ TEST_P(SessionContract, CallsOneAtATimeAndNeverFromInsideACall) {
 
 TEST_P(SessionContract, GivesTheTaskObjectThatTheApplicationHolds) {
   harness->serve("/a", kSize);
-  std::vector<Application::TaskPtr> seen;
-  app.launch([&](SessionRecorder& recorder) {
-    recorder.onWrite = [&](const auto&, const auto& task, const auto&) { seen.push_back(task); };
-    recorder.onComplete = [&](const auto&, const auto& task, const auto&) { seen.push_back(task); };
+  struct Seen {
+    std::vector<Application::TaskPtr> tasks;
+    std::atomic<bool> complete = false;
+  };
+  const auto seen = std::make_shared<Seen>();
+  app.launch([seen](SessionRecorder& recorder) {
+    recorder.onWrite = [seen](const auto&, const auto& task, const auto&) {
+      seen->tasks.push_back(task);
+    };
+    recorder.onComplete = [seen](const auto&, const auto& task, const auto&) {
+      seen->tasks.push_back(task);
+      seen->complete = true;
+    };
   });
   const auto task = app.start("/a");
-  app.completed(task);
-  app.close();
-  ASSERT_GE(seen.size(), 2U);
-  for (const auto& given : seen)
+  ASSERT_TRUE(app.recorder->waitUntil([&] { return seen->complete.load(); }));
+  EXPECT_GE(seen->tasks.size(), 2U);
+  for (const auto& given : seen->tasks)
     EXPECT_EQ(given, task);
 }
 
