@@ -169,11 +169,9 @@ platform::ErrorPtr QNMovieDownloader::moveIntoPlace(const Resource& resource,
   if (auto error = setOf(*resource)->prepareToStore(resource)) return error;
   auto& files = FileManager::defaultManager();
   const std::string target = resource->resourcePath();
-  if (files.isDirectory(target))
-    return platform::Error::errorWithErrno(EISDIR, "Cannot replace", target);
-  if (!files.fileExistsAtPath(target)) {
-    if (auto error = files.createDirectoryWithIntermediates(parentOf(target))) return error;
-  }
+  const auto error = files.moveItem(location, target);
+  if (!error || error->code() != ENOENT) return error;
+  if (auto missing = files.createDirectoryWithIntermediates(parentOf(target))) return missing;
   return files.moveItem(location, target);
 }
 

@@ -43,11 +43,6 @@ std::optional<struct stat> statOf(const std::string& path) {
   return info;
 }
 
-bool isDirectoryItself(const std::string& path) {
-  struct stat info {};
-  return lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
-}
-
 // Unique among the processes and threads of this machine; O_EXCL settles the rest. It does not hold
 // the target's name, which may fill the file system's limit for names.
 std::string temporaryPathBeside(const std::string& path) {
@@ -303,8 +298,13 @@ ErrorPtr FileManager::createDirectoryWithIntermediates(const std::string& path) 
 
 ErrorPtr FileManager::moveItem(const std::string& from, const std::string& to) {
   constexpr const char* what = "Cannot move to";
-  // rename(2) would replace an empty directory by a directory.
-  if (isDirectoryItself(to)) return Error::errorWithErrno(EISDIR, what, to);
+  // Mostly nothing is there; not every file system can be told so.
+  if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0)
+    return nullptr;
+  const bool mayBeThere = errno == EEXIST || errno == EINVAL || errno == ENOSYS || errno == EXDEV;
+  if (!mayBeThere) return Error::errorWithErrno(errno, what, to);
+  // rename(2) would replace an empty directory by a directory, and a link.
+  if (isDirectory(to)) return Error::errorWithErrno(EISDIR, what, to);
   if (rename(from.c_str(), to.c_str()) == 0) return nullptr;
   if (errno != EXDEV) return Error::errorWithErrno(errno, what, to);
   return errorUnless0(copyAcrossFileSystems(from, to), what, to);

@@ -53,7 +53,8 @@ class QN_EXPORT FileManager {
       const std::string& path);  // an existing directory is no failure
   // Renames; a file that lies on another file system is copied to a temporary name beside the
   // target, flushed and renamed, and only then removed (a directory there is EXDEV). A file at the
-  // target is replaced, a directory there is EISDIR. The target's directory must exist.
+  // target is replaced, a directory there, or a link to one, is EISDIR. The target's directory must
+  // exist.
   virtual ErrorPtr moveItem(const std::string& from, const std::string& to);
   // Recursive for a directory; a link is removed, never its target. ENOENT when there is nothing.
   // On failure what was not reached stays, and the error names the entry that resisted.
