@@ -68,7 +68,7 @@ CurlLoop::~CurlLoop() {
 }
 
 void CurlLoop::wake() {
-  if (woken_.exchange(true)) return;
+  if (woken_.exchange(true) || !waiting_.load()) return;
   const uint64_t one = 1;
   static_cast<void>(!::write(wakeup_.get(), &one, sizeof one));
 }
@@ -136,8 +136,13 @@ void CurlLoop::run(int64_t timeoutMs) {
   const int64_t timer = timeToTimer();
   if (timer >= 0) timeoutMs = timeoutMs < 0 ? timer : std::min(timeoutMs, timer);
   std::array<epoll_event, 64> events;
-  const int wait = static_cast<int>(std::min<int64_t>(timeoutMs, 3600 * 1000));
+  // Whoever wakes looks whether there is a wait after having said so: one of the two sees it.
+  waiting_.store(true);
+  const int64_t limit = woken_.load() ? 0 : 3600 * 1000;
+  const int wait = static_cast<int>(timeoutMs < 0 ? limit : std::min(timeoutMs, limit));
   const int count = epoll_wait(epoll_.get(), events.data(), events.size(), wait);
+  waiting_.store(false);
+  woken_.store(false);
 
   int running = 0;
   for (int i = 0; i < count; ++i) {
@@ -146,7 +151,6 @@ void CurlLoop::run(int64_t timeoutMs) {
     if (fd == wakeup_.get()) {
       uint64_t ignored = 0;
       static_cast<void>(!::read(fd, &ignored, sizeof ignored));
-      woken_.store(false);
       continue;
     }
     if (fd == other_) {

@@ -15,7 +15,7 @@ typedef void CURLM;
 namespace platform {
 
 // A curl_multi under epoll: only the transfers that something happened to are touched, and a loop
-// without transfers sleeps until it is woken. All but wake() belongs to one thread.
+// without transfers sleeps until it is woken. All but wake() belongs to one thread at a time.
 class CurlLoop {
  public:
   // Called from run() when a transfer ended; it has been taken out of the loop before.
@@ -66,6 +66,7 @@ class CurlLoop {
   std::unordered_set<int> watched_;  // by epoll_, of libcurl's sockets
   bool removing_ = false;
   std::atomic<bool> woken_{false};
+  std::atomic<bool> waiting_{false};
   int other_ = -1;  // the descriptor of watch()
   std::function<void(uint32_t)> otherReady_;
   CURLM* multi_ = nullptr;

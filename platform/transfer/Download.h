@@ -12,8 +12,8 @@
 namespace platform {
 
 // One attempt at a task: a request that goes on from what is there, and its response into a file.
-// Belongs to the engine's thread. It decides what a response means for the bytes; whether and when
-// there is another attempt is its owner's to decide.
+// Belongs to the thread that runs the loop. It decides what a response means for the bytes; whether
+// and when there is another attempt is its owner's to decide.
 class Download final : public HttpExchange::Observer {
  public:
   enum class End {

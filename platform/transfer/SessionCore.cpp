@@ -185,7 +185,9 @@ void SessionCore::_receive(TransferEvent&& event) {
 
 void SessionCore::_push(Item item) {
   queue_.push_back(std::move(item));
-  if (queue_.size() == 1) changed_.notify_one();
+  if (queue_.size() > 1) return;
+  changed_.notify_one();
+  backend_->endWork();
 }
 
 // --- The delegate's thread ----------------------------------------------------------------------
@@ -203,17 +205,26 @@ void SessionCore::run() {
   }
 }
 
+// Meanwhile the thread is the backend's, if it has a use for it.
 bool SessionCore::take(Item& item) {
-  MutexLock lock(mutex_);
-  std::unique_lock<std::mutex> native(mutex_.native(), std::adopt_lock);
-  while (queue_.empty() && !stop_)
-    changed_.wait(native);
-  native.release();
-  if (stop_) return false;
-  item = std::move(queue_.front());
-  queue_.pop_front();
-  inCallback_ = true;
-  return true;
+  bool lent = true;
+  for (;;) {
+    {
+      MutexLock lock(mutex_);
+      std::unique_lock<std::mutex> native(mutex_.native(), std::adopt_lock);
+      while (queue_.empty() && !stop_ && !lent)
+        changed_.wait(native);
+      native.release();
+      if (stop_) return false;
+      if (!queue_.empty()) {
+        item = std::move(queue_.front());
+        queue_.pop_front();
+        inCallback_ = true;
+        return true;
+      }
+    }
+    lent = backend_->work();
+  }
 }
 
 void SessionCore::deliver(Item& item, const std::shared_ptr<URLSession>& session) {

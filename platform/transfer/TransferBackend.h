@@ -30,6 +30,13 @@ class TransferBackend {
   };
   virtual void submit(const TransferBatch& batch, Durability durability) = 0;
 
+  // Lends the calling thread to the backend, which works on it until it has told something or
+  // endWork() was called. False when it has no use for it. One thread, the one that takes what is
+  // told, so that nothing has to be handed over; a backend works also while that stays away.
+  [[nodiscard]] virtual bool work() { return false; }
+  // Ends a work(), this one or the next. Any thread, also inside a Sink.
+  virtual void endWork() {}
+
   // Milliseconds until a time that an event named, at least 0.
   virtual int64_t millisecondsUntil(int64_t timeMs) const = 0;
   // Stops transfers and stores what is known; no event comes after that. Any thread but the

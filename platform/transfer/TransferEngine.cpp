@@ -37,6 +37,7 @@ TransferEngine::TransferEngine(const TransferLocation& location,
       options_(options ? *options : ledger_.session().options),
       loop_(std::make_unique<CurlLoop>(CurlLoop::Options{options_.transfers, options_.caFile},
                                        &HttpExchange::done)),
+      shift_([this] { loop_->wake(); }),
       scheduler_(std::make_unique<TransferScheduler>(ledger_, *loop_, clock, options_)),
       monitor_(NetworkMonitor::defaultMonitor()) {
   ledger_.setNow([&clock] { return clock.nowMs(); });
@@ -140,19 +141,43 @@ void TransferEngine::close() {
   monitor_.removeWatcher(watcher_);
   clock_.setMoved(nullptr);
   stop_.store(true);
+  shift_.close();
   loop_->wake();
   thread_.join();
 }
 
+// The engine's own thread.
 void TransferEngine::run() {
-  while (!stop_.load())
-    runRound();
+  while (shift_.hostWaits()) {
+    MutexLock turn(turn_);
+    while (!stop_.load() && !shift_.guestIsHere())
+      static_cast<void>(runRound());
+  }
+  MutexLock turn(turn_);
   scheduler_->stop();
   std::vector<TransferEvent> untold;
   ledger_.commit(untold);
 }
 
-void TransferEngine::runRound() {
+bool TransferEngine::work() {
+  if (!shift_.guestComes()) return false;
+  {
+    MutexLock turn(turn_);
+    bool told = false;
+    while (!told && !stop_.load() && !workEnds_.load())
+      told = runRound();
+    workEnds_.store(false);
+  }
+  shift_.guestLeaves();
+  return true;
+}
+
+void TransferEngine::endWork() {
+  if (!workEnds_.exchange(true)) loop_->wake();
+}
+
+// True when something was told.
+bool TransferEngine::runRound() {
   std::vector<TransferTaskId> touched;
   std::vector<std::function<void(CurlLoop&)>> blocks;
   {
@@ -177,8 +202,11 @@ void TransferEngine::runRound() {
       deadline = std::min(deadline, since + kCommitDelayMs);
     }
   }
+  const bool tells = !events.empty();
   tell(std::move(events));
+  if (tells) return true;
   loop_->run(clock_.millisecondsUntil(deadline));
+  return false;
 }
 
 }  // namespace platform

@@ -9,6 +9,7 @@
 
 #include "platform/Mutex.h"
 #include "platform/NetworkMonitor.h"
+#include "platform/transfer/LoopShift.h"
 #include "platform/transfer/TransferBackend.h"
 #include "platform/transfer/TransferClock.h"
 #include "platform/transfer/TransferLedger.h"
@@ -19,9 +20,9 @@ namespace platform {
 class CurlLoop;
 class TransferScheduler;
 
-// Transfers the tasks of one store: one thread, one curl_multi. It knows nothing of the objects
-// that an application holds, so that it serves a front in its own process or one behind a socket
-// alike.
+// Transfers the tasks of one store with one curl_multi, on a thread of its own or on the one that a
+// front lends it. It knows nothing of the objects that an application holds, so that it serves a
+// front in its own process or one behind a socket alike.
 class TransferEngine final : public TransferBackend {
  public:
   // Opens the store; throws as TransferStore does. Without options: those that the store remembers.
@@ -33,6 +34,8 @@ class TransferEngine final : public TransferBackend {
   size_t start(Sink sink) override;
   TransferTaskId nextIdentifier() override;
   void submit(const TransferBatch& batch, Durability durability) override;
+  bool work() override;
+  void endWork() override;
   int64_t millisecondsUntil(int64_t timeMs) const override;
   void close() override;
 
@@ -58,7 +61,7 @@ class TransferEngine final : public TransferBackend {
 
  private:
   void run();
-  void runRound();
+  [[nodiscard]] bool runRound() REQUIRES(turn_);
   void submit(const TransferBatch& batch, Durability durability, const TransferMark* mark);
   void tell(std::vector<TransferEvent>&& events);
   void post(std::vector<TransferTaskId>& touched);
@@ -67,7 +70,11 @@ class TransferEngine final : public TransferBackend {
   TransferLedger ledger_;
   const TransferOptions options_;
   const std::unique_ptr<CurlLoop> loop_;
-  const std::unique_ptr<TransferScheduler> scheduler_;  // of the thread
+
+  Mutex turn_;  // held while a thread runs the loop; taken before all others
+  LoopShift shift_;
+  const std::unique_ptr<TransferScheduler> scheduler_ PT_GUARDED_BY(turn_);
+  std::atomic<bool> workEnds_{false};
 
   Mutex mutex_;
   std::shared_ptr<const Sink> sink_ GUARDED_BY(mutex_);

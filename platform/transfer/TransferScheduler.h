@@ -26,7 +26,8 @@ namespace platform {
 class CurlLoop;
 
 // Decides which task transfers when: limits, retries, time-outs, waiting for network and room.
-// Belongs to the engine's thread; what is to be known after a kill goes to the ledger.
+// Belongs to the thread that runs the engine's loop; what is to be known after a kill goes to the
+// ledger.
 class TransferScheduler final : public Download::Owner {
  public:
   TransferScheduler(TransferLedger& ledger, CurlLoop& loop, TransferClock& clock,

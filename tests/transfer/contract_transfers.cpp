@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -306,6 +307,39 @@ TEST_P(TransferContract, KeepsTheByteRate) {
     EXPECT_EQ(app.completed(task).summary(), "wfc 200");
   EXPECT_GT(secondsSince(start), 0.8) << "1.6 MB at 1 MB/s, with a burst allowed";
   EXPECT_LT(secondsSince(start), 6);
+}
+
+TEST_P(TransferContract, GoesOnWhileACallLasts) {
+  struct Chain {
+    std::map<uint64_t, Application::TaskPtr> next;  // that a task's call waits for
+    std::string late;
+  };
+  const auto chain = std::make_shared<Chain>();
+  app.launch([this, chain](SessionRecorder& recorder) {
+    recorder.onComplete = [this, chain, &recorder](const auto&, const auto& task, const auto&) {
+      const auto next = chain->next.find(task->taskIdentifier());
+      if (next == chain->next.end()) return;
+      const auto& waited = next->second;
+      const auto path = waited->originalRequest()->url()->path();
+      harness.release(path);
+      const auto arrived = [&] { return waited->countOfBytesReceived() == kSize; };
+      if (!recorder.waitUntil(arrived)) chain->late += path + " ";
+    };
+  });
+  constexpr int kCount = 4;
+  std::vector<Application::TaskPtr> tasks;
+  for (int i = 0; i < kCount; ++i) {
+    const std::string path = "/chain" + std::to_string(i);
+    harness.serveHeld(path, kSize, 1);
+    tasks.push_back(app.make(path));
+    if (i > 0) chain->next[tasks[i - 1]->taskIdentifier()] = tasks[i];
+  }
+  for (const auto& task : tasks)
+    task->resume();
+  harness.release("/chain0");
+  for (const auto& task : tasks)
+    EXPECT_EQ(app.completed(task).summary(), "wfc 200");
+  EXPECT_EQ(chain->late, "");
 }
 
 TEST_P(TransferContract, CoalescesProgress) {

@@ -150,9 +150,20 @@ int rename(const char* from, const char* to) {
   const auto call = REAL(rename);
   return operation(isBelow(from) || isBelow(to), [&] { return call(from, to); });
 }
+int renameat2(int fromDirectory, const char* from, int toDirectory, const char* to,
+              unsigned flags) {
+  const auto call = REAL(renameat2);
+  return operation(isBelow(from) || isBelow(to),
+                   [&] { return call(fromDirectory, from, toDirectory, to, flags); });
+}
 int unlink(const char* path) {
   const auto call = REAL(unlink);
   return operation(isBelow(path), [&] { return call(path); });
+}
+int unlinkat(int directory, const char* path, int flags) {
+  const auto call = REAL(unlinkat);
+  return operation(isBelow(directory) || isBelow(path),
+                   [&] { return call(directory, path, flags); });
 }
 int mkdir(const char* path, mode_t mode) {
   // A sanitizer makes the directory of its reports before anything else of this process works.
