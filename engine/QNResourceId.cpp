@@ -56,10 +56,23 @@ QNResourceId::QNResourceId(std::optional<std::string> manifestURL,
       status_(status) {}
 
 std::string QNResourceId::serializeToJSON() const {
-  platform::JSON json = platform::JSON::object();
-  if (manifestURL_) json.set(kManifestURLKey, *manifestURL_);
-  if (qualityId_) json.set(kQualityIdKey, *qualityId_);
-  json.set(kResourceIndexKey, resourceIndex_);
-  json.set(kStatusKey, status_);
-  return json.dump();
+  // Written for every resource, twice: without a tree of values.
+  std::string text;
+  text.reserve(128);
+  const auto begin = [&text](const char* key) {
+    text += text.empty() ? "{\"" : ",\"";
+    text.append(key).append("\":");
+  };
+  const auto addText = [&](const char* key, const std::optional<std::string>& value) {
+    if (!value) return;
+    begin(key);
+    platform::JSON::appendQuoted(text, *value);
+  };
+  addText(kManifestURLKey, manifestURL_);
+  addText(kQualityIdKey, qualityId_);
+  begin(kResourceIndexKey);
+  text += std::to_string(resourceIndex_);
+  begin(kStatusKey);
+  text += std::to_string(status_);
+  return text += '}';
 }

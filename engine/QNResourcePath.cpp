@@ -24,22 +24,20 @@ bool goesNowhere(std::string_view component) {
   return component.empty() || component == ".";
 }
 
-std::string withoutNul(std::string_view component) {
-  std::string result;
-  for (const char c : component) {
-    if (c == '\0') {
-      result += "%00";
-    } else {
-      result += c;
-    }
+void appendWithoutNul(std::string& path, std::string_view component) {
+  for (size_t nul = 0; (nul = component.find('\0')) != std::string_view::npos;) {
+    path.append(component.substr(0, nul)).append("%00");
+    component.remove_prefix(nul + 1);
   }
-  return result;
+  path += component;
 }
 
-std::string safeComponent(std::string_view component) {
-  std::string name = withoutNul(component);
-  if (name.size() <= kLongestName) return name;
-  return name.substr(0, kKeptOfLongName) + "~" + QNHexDigits(QNHash64(component));
+void appendSafeComponent(std::string& path, std::string_view component) {
+  const size_t start = path.size();
+  appendWithoutNul(path, component);
+  if (path.size() - start <= kLongestName) return;
+  path.resize(start + kKeptOfLongName);
+  path += "~" + QNHexDigits(QNHash64(component));
 }
 
 }  // namespace
@@ -60,6 +58,7 @@ bool QNIsOrdinaryPath(std::string_view reference) {
 std::string QNRelativeResourcePath(const std::string& reference) {
   if (QNIsOrdinaryPath(reference)) return reference;
   std::string path;
+  path.reserve(reference.size());
   size_t depth = 0;
   bool first = true;
   forEachComponent(reference, [&](std::string_view component) {
@@ -71,7 +70,7 @@ std::string QNRelativeResourcePath(const std::string& reference) {
       return;
     }
     if (!goesNowhere(component)) ++depth;
-    path += safeComponent(component);
+    appendSafeComponent(path, component);
   });
   return path;
 }
@@ -79,6 +78,7 @@ std::string QNRelativeResourcePath(const std::string& reference) {
 std::string QNNormalisedPath(std::string_view relativePath) {
   if (QNIsOrdinaryPath(relativePath)) return std::string(relativePath);
   std::string path;
+  path.reserve(relativePath.size());
   forEachComponent(relativePath, [&](std::string_view component) {
     if (goesNowhere(component)) return;
     if (component == "..") {

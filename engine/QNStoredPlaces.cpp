@@ -134,6 +134,7 @@ bool QNStoredPlaces::isStoredFor(const QNResourceDownloadInfo& resource,
 }
 
 void QNStoredPlaces::willStore(const QNResourceDownloadInfo& resource) {
+  if (contended_.empty()) return;
   const auto place = placeOf(resource);
   if (!place || !isContended(*place)) return;
   const std::string content = contentOf(*resource.resource());

@@ -255,6 +255,17 @@ std::optional<JSON> JSON::parse(std::string_view text, std::string* message) {
   return std::nullopt;
 }
 
+void JSON::appendQuoted(std::string& out, std::string_view text) {
+  const auto isPlain = [](char c) { return c >= ' ' && c <= '~' && c != '"' && c != '\\'; };
+  if (!std::all_of(text.begin(), text.end(), isPlain)) {
+    out += JSON(std::string(text)).dump();
+    return;
+  }
+  out += '"';
+  out += text;
+  out += '"';
+}
+
 std::string JSON::dump(int indent) const {
   return documentOf(*this).dump(indent, ' ', false, Document::error_handler_t::replace);
 }

@@ -70,6 +70,8 @@ class QN_EXPORT JSON {
   // Compact when `indent` < 0; numbers that JSON cannot express are null. Invalid UTF-8 is replaced
   // by U+FFFD, never an exception; "/" is not escaped.
   std::string dump(int indent = -1) const;
+  // Appends what dump() gives of this text as a string.
+  static void appendQuoted(std::string& out, std::string_view text);
 
  private:
   std::variant<std::monostate, bool, int64_t, uint64_t, double, std::string, Array, Object> value_;

@@ -44,9 +44,8 @@ bool hasBrokenLiteral(std::string_view authority) {
   return !rest.empty() && !rest.starts_with(':');
 }
 
-bool isReference(std::string_view text) {
-  if (hasControlCharacter(text)) return false;
-  const qnc::URI uri(text);
+bool isReference(const qnc::URI& uri) {
+  if (hasControlCharacter(uri.str())) return false;
   if (const auto authority = uri.authority(); authority && hasBrokenLiteral(*authority)) {
     return false;
   }
@@ -54,23 +53,25 @@ bool isReference(std::string_view text) {
   return !port || port->empty() || uri.portNumber();
 }
 
-bool mayStandInPath(char c) {  // RFC 3986 section 3.3: pchar and "/"
-  return (c >= '0' && c <= '9') || (lower(c) >= 'a' && lower(c) <= 'z') ||
-         (c != '\0' && std::string_view("-._~!$&'()*+,;=:@/").find(c) != std::string_view::npos);
-}
+constexpr auto kMayStandInPath = [] {  // RFC 3986 section 3.3: pchar and "/"
+  std::array<bool, 256> table{};
+  for (const char c :
+       std::string_view("0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                        "-._~!$&'()*+,;=:@/"))
+    table[static_cast<unsigned char>(c)] = true;
+  return table;
+}();
 
-std::string encodedPath(std::string_view path) {
+void appendEncodedPath(std::string& out, std::string_view path) {
   constexpr std::string_view digits = "0123456789ABCDEF";
-  std::string encoded;
   for (const char c : path) {
-    if (mayStandInPath(c)) {
-      encoded += c;
-      continue;
-    }
     const auto byte = static_cast<unsigned char>(c);
-    encoded += {'%', digits[byte >> 4], digits[byte & 15]};
+    if (kMayStandInPath[byte]) {
+      out += c;
+    } else {
+      out += {'%', digits[byte >> 4], digits[byte & 15]};
+    }
   }
-  return encoded;
 }
 
 std::string currentDirectory() {
@@ -87,21 +88,28 @@ std::string_view defaultPort(std::string_view scheme) {
 }  // namespace
 
 std::shared_ptr<const URL> URL::URLWithString(std::string_view text) {
-  if (text.empty() || !isReference(text)) return nullptr;
-  return std::make_shared<const URL>(qnc::URI(text).encoded());
+  const qnc::URI uri(text);
+  if (text.empty() || !isReference(uri)) return nullptr;
+  return std::make_shared<const URL>(uri.encoded());
 }
 
 std::shared_ptr<const URL> URL::URLWithString(std::string_view text,
                                               const std::shared_ptr<const URL>& base) {
   if (!base) return URLWithString(text);
-  if (!isReference(text)) return nullptr;
+  if (!isReference(qnc::URI(text))) return nullptr;
   return URLWithString(qnc::URI(base->absoluteString()).resolve(text));
 }
 
 std::shared_ptr<const URL> URL::fileURLWithPath(std::string_view path) {
-  std::string absolute(path);
-  if (!path.starts_with('/')) absolute = currentDirectory() + "/" + absolute;
-  return std::make_shared<const URL>("file://" + encodedPath(absolute));
+  std::string text;
+  text.reserve(path.size() + 16);
+  text += "file://";
+  if (!path.starts_with('/')) {
+    appendEncodedPath(text, currentDirectory());
+    text += '/';
+  }
+  appendEncodedPath(text, path);
+  return std::make_shared<const URL>(std::move(text));
 }
 
 URL::URL(std::string text) : text_(std::move(text)) {}
@@ -142,8 +150,9 @@ std::optional<std::string> URL::fragment() const {
 }
 
 bool URL::isHTTP() const {
-  const std::string name = lowered(scheme().value_or(""));
-  return (name == "http" || name == "https") && host();
+  const qnc::URI uri(text_);
+  const std::string name = lowered(uri.scheme().value_or(""));
+  return (name == "http" || name == "https") && !uri.host().value_or("").empty();
 }
 
 std::optional<std::string> URL::filePath() const {

@@ -39,10 +39,15 @@ void HTTPHeaders::remove(std::string_view name) {
 }
 
 std::optional<std::string> HTTPHeaders::get(std::string_view name) const {
+  const std::string* const value = find(name);
+  return value ? std::optional(*value) : std::nullopt;
+}
+
+const std::string* HTTPHeaders::find(std::string_view name) const {
   for (const auto& [fieldName, value] : fields_) {
-    if (equalFolded(fieldName, name)) return value;
+    if (equalFolded(fieldName, name)) return &value;
   }
-  return std::nullopt;
+  return nullptr;
 }
 
 std::shared_ptr<URLRequest> URLRequest::requestWithURL(URLPtr url) {

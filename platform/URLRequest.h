@@ -22,6 +22,8 @@ class QN_EXPORT HTTPHeaders {
   void set(std::string name, std::string value);
   void remove(std::string_view name);
   std::optional<std::string> get(std::string_view name) const;
+  // The same without a copy; null when there is none. Until the next change.
+  const std::string* find(std::string_view name) const;
   const std::vector<Field>& fields() const& { return fields_; }
   std::vector<Field> fields() && { return std::move(fields_); }  // for loops over a temporary
   bool empty() const { return fields_.empty(); }

@@ -30,7 +30,7 @@ class Fetch final : public HttpExchange::Observer {
     if (!url->isHTTP()) return finish(urlError(URLErrorUnsupportedURL, "", urlText()));
     exchange_ = std::make_unique<HttpExchange>(loop, *this);
     const bool started =
-        exchange_->start({url, request_->HTTPMethod(), request_->allHTTPHeaderFields(), true});
+        exchange_->start({url, request_->HTTPMethod(), request_->allHTTPHeaderFields()});
     if (!started) finish(urlError(URLErrorUnknown, "libcurl refused the request", urlText()));
   }
 

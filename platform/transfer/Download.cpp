@@ -45,7 +45,7 @@ void Download::start() {
     return finish(End::Finished);
   }
   asked_ = whatToAsk();
-  HttpExchange::Request request{url, request_->HTTPMethod(), request_->allHTTPHeaderFields(), true};
+  HttpExchange::Request request{url, request_->HTTPMethod(), request_->allHTTPHeaderFields()};
   if (asked_.offset > 0) {
     request.headers.set("Range", *asked_.header(std::nullopt));
     request.headers.set("If-Range", asked_.validator);

@@ -36,10 +36,16 @@ HTTPHeaders rangeFieldsOf(const HTTPHeaders& headers) {
   return kept;
 }
 
+bool isBlank(char c) {
+  return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+}
+
 std::string_view trimmed(std::string_view text) {
-  const size_t first = text.find_first_not_of(" \t\r\n");
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
+  while (!text.empty() && isBlank(text.front()))
+    text.remove_prefix(1);
+  while (!text.empty() && isBlank(text.back()))
+    text.remove_suffix(1);
+  return text;
 }
 
 }  // namespace
@@ -109,9 +115,6 @@ void HttpExchange::buildHeaderList() {
     if (isConnectionField(name)) continue;
     append(value.empty() ? name + ";" : name + ": " + value);
   }
-  if (!sentHeaders_.get("Accept-Encoding") && request_.identityOnly) {
-    append("Accept-Encoding: identity");
-  }
   curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, headerList_);
 }
 
@@ -131,8 +134,9 @@ void HttpExchange::unpause() {
 
 size_t HttpExchange::headerCallback(char* bytes, size_t size, size_t count, void* selfPointer) {
   auto* const self = static_cast<HttpExchange*>(selfPointer);
-  self->readHeaderLine({bytes, size * count});
-  const bool complete = trimmed({bytes, size * count}).empty();
+  const std::string_view line(bytes, size * count);
+  self->readHeaderLine(line);
+  const bool complete = trimmed(line).empty();
   if (complete && self->status_ >= 200 && !self->headDone_ && !self->headIsComplete()) return 0;
   return size * count;
 }
@@ -155,16 +159,16 @@ void HttpExchange::readHeaderLine(std::string_view line) {
   }
   const size_t colon = line.find(':');
   if (colon == std::string_view::npos) return;
-  lastHeader_ = std::string(trimmed(line.substr(0, colon)));
+  lastHeader_ = trimmed(line.substr(0, colon));
   std::string value(trimmed(line.substr(colon + 1)));
   // Fields of one name are a list (RFC 9110 section 5.2).
-  if (const auto earlier = headers_.get(lastHeader_)) value = *earlier + ", " + value;
+  if (const auto* const earlier = headers_.find(lastHeader_)) value = *earlier + ", " + value;
   headers_.set(lastHeader_, std::move(value));
 }
 
 bool HttpExchange::headIsComplete() {
   headDone_ = true;
-  if (isRedirectStatus(status_) && headers_.get("Location")) return takeRedirect();
+  if (isRedirectStatus(status_) && headers_.find("Location")) return takeRedirect();
   stoppedByObserver_ =
       !observer_.exchangeDidReceiveHead({status_, std::move(headers_), request_.url});
   return !stoppedByObserver_;

@@ -24,10 +24,11 @@ struct HttpHead {
   URLPtr url;
 };
 
-// One request and its response, redirects followed hop by hop. Belongs to the thread of its loop.
-// The application's header fields are not sent on to another origin, except for the range asked
-// for, without which the body would be another one. The observer may not destroy the exchange from
-// inside a call, except in exchangeDidComplete.
+// One request, for content without coding unless a header field says otherwise, and its response,
+// redirects followed hop by hop. What comes coded is decoded anyway. Belongs to the thread of its
+// loop. The application's header fields are not sent on to another origin, except for the range
+// asked for, without which the body would be another one. The observer may not destroy the exchange
+// from inside a call, except in exchangeDidComplete.
 class HttpExchange {
  public:
   class Observer {
@@ -45,8 +46,6 @@ class HttpExchange {
     URLPtr url;
     std::string method = "GET";
     HTTPHeaders headers;
-    bool identityOnly =
-        true;  // asks for content without coding; what comes coded is decoded anyway
   };
 
   HttpExchange(CurlLoop& loop, Observer& observer);

@@ -61,7 +61,7 @@ bool isStrongEntityTag(std::string_view tag) {
 // The response does not contradict the version that the stored bytes are of.
 bool agrees(const std::string& validator, const HTTPHeaders& headers) {
   const bool isTag = isStrongEntityTag(validator);
-  const auto value = headers.get(isTag ? "ETag" : "Last-Modified");
+  const auto* const value = headers.find(isTag ? "ETag" : "Last-Modified");
   return !value || trimmed(*value) == validator;
 }
 
@@ -76,7 +76,7 @@ Verdict judgePartial(const RangeAsked& asked, const HTTPHeaders& headers) {
   const Verdict refused = asked.offset > 0 ? Verdict::FromZero : Verdict::Bad;
   if (hasContentCoding(headers)) return refused;
   if (asked.hasOwnRange && !asked.own) return Verdict::StartOver;  // the application's to judge
-  const auto value = headers.get("Content-Range");
+  const auto* const value = headers.find("Content-Range");
   const auto content = value ? parseContentRange(*value) : std::nullopt;
   if (!content || !content->range) return refused;
 
@@ -98,7 +98,7 @@ Verdict judgePartial(const RangeAsked& asked, const HTTPHeaders& headers) {
 
 Verdict judgeUnsatisfiable(const RangeAsked& asked, const HTTPHeaders& headers) {
   if (asked.offset == 0) return Verdict::StartOver;
-  const auto value = headers.get("Content-Range");
+  const auto* const value = headers.find("Content-Range");
   const auto content = value ? parseContentRange(*value) : std::nullopt;
   if (!content || content->range || !content->total) return Verdict::FromZero;
   const uint64_t end = asked.own.value_or(ByteRange{}).first + asked.offset;
@@ -147,13 +147,13 @@ std::optional<int64_t> parseHTTPDate(std::string_view value) {
 }
 
 std::string strongValidator(const HTTPHeaders& headers) {
-  if (const auto tag = headers.get("ETag")) {
+  if (const auto* const tag = headers.find("ETag")) {
     const auto text = trimmed(*tag);
     // A weak tag says that a second version within the second is possible.
     return isStrongEntityTag(text) ? std::string(text) : std::string();
   }
-  const auto modified = headers.get("Last-Modified");
-  const auto date = headers.get("Date");
+  const auto* const modified = headers.find("Last-Modified");
+  const auto* const date = headers.find("Date");
   if (!modified || !date) return {};
   const auto modifiedTime = parseHTTPDate(*modified);
   const auto dateTime = parseHTTPDate(*date);
@@ -162,7 +162,7 @@ std::string strongValidator(const HTTPHeaders& headers) {
 }
 
 std::optional<int64_t> retryAfterSeconds(const HTTPHeaders& headers, int64_t wallSeconds) {
-  const auto value = headers.get("Retry-After");
+  const auto* const value = headers.find("Retry-After");
   if (!value) return std::nullopt;
   if (const auto seconds = number<int64_t>(trimmed(*value))) return seconds;
   const auto date = parseHTTPDate(*value);
@@ -178,20 +178,20 @@ bool isRedirectStatus(int status) {
 }
 
 bool hasContentCoding(const HTTPHeaders& headers) {
-  const auto coding = headers.get("Content-Encoding");
+  const auto* const coding = headers.find("Content-Encoding");
   return coding && !trimmed(*coding).empty() && !equalFolded(trimmed(*coding), "identity");
 }
 
 std::optional<int64_t> contentLength(const HTTPHeaders& headers) {
   // Without regard to a Transfer-Encoding, which makes it meaningless (RFC 9112 section 6.3).
-  if (headers.get("Transfer-Encoding")) return std::nullopt;
-  const auto value = headers.get("Content-Length");
+  if (headers.find("Transfer-Encoding")) return std::nullopt;
+  const auto* const value = headers.find("Content-Length");
   return value ? number<int64_t>(trimmed(*value)) : std::nullopt;
 }
 
 std::optional<uint64_t> completeLength(const HTTPURLResponse& response) {
   if (response.statusCode() == 206) {
-    const auto value = response.valueForHTTPHeaderField("Content-Range");
+    const auto* const value = response.allHeaderFields().find("Content-Range");
     const auto content = value ? parseContentRange(*value) : std::nullopt;
     return content ? content->total : std::nullopt;
   }

@@ -1,6 +1,7 @@
 #include "platform/transfer/PartialFiles.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <charconv>
@@ -40,33 +41,62 @@ std::optional<PartialName> parseName(std::string_view text) {
   return name;
 }
 
+// "<owner>.<generation>"
+class NameText {
+ public:
+  explicit NameText(const PartialName& name) {
+    char* const end = bytes_.data() + bytes_.size() - 1;
+    char* at = std::to_chars(bytes_.data(), end, name.owner).ptr;
+    *at++ = '.';
+    at = std::to_chars(at, end, name.generation).ptr;
+    *at = '\0';
+    size_ = static_cast<size_t>(at - bytes_.data());
+  }
+  const char* c_str() const { return bytes_.data(); }
+  size_t size() const { return size_; }
+
+ private:
+  std::array<char, 44> bytes_;  // two numbers of 20 digits
+  size_t size_ = 0;
+};
+
 }  // namespace
 
 PartialFiles::PartialFiles(std::string directory) : directory_(std::move(directory)) {
   const auto error = FileManager::defaultManager().createDirectoryWithIntermediates(directory_);
   if (error) throw Exception("NSURLSessionException", error->localizedDescription());
   ::chmod(directory_.c_str(), 0700);
+  self_.reset(::open(directory_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!self_) {
+    throw Exception("NSURLSessionException",
+                    Error::errorWithErrno(errno, "open", directory_)->localizedDescription());
+  }
 }
 
 std::string PartialFiles::path(const PartialName& name) const {
-  return directory_ + "/" + std::to_string(name.owner) + "." + std::to_string(name.generation);
+  const NameText text(name);
+  std::string path;
+  path.reserve(directory_.size() + 1 + text.size());
+  return path.append(directory_).append("/").append(text.c_str(), text.size());
 }
 
 int PartialFiles::create(const PartialName& name, FileDescriptor& fd) const {
   if (const int error = fault("create")) return error;
   const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW;
-  fd.reset(::open(path(name).c_str(), flags, 0600));
+  fd.reset(::openat(self_.get(), NameText(name).c_str(), flags, 0600));
   return fd ? 0 : errno;
 }
 
 int PartialFiles::openForAppend(const PartialName& name, FileDescriptor& fd) const {
-  fd.reset(::open(path(name).c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
+  fd.reset(::openat(self_.get(), NameText(name).c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
   return fd ? 0 : errno;
 }
 
 int64_t PartialFiles::size(const PartialName& name) const {
   struct stat status {};
-  if (::lstat(path(name).c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return -1;
+  const NameText text(name);
+  if (::fstatat(self_.get(), text.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return -1;
+  if (!S_ISREG(status.st_mode)) return -1;
   return status.st_size;
 }
 
@@ -76,7 +106,7 @@ int PartialFiles::truncate(const PartialName& name, int64_t length) const {
 }
 
 void PartialFiles::remove(const PartialName& name) const {
-  if (fault("remove") == 0) ::unlink(path(name).c_str());
+  if (fault("remove") == 0) ::unlinkat(self_.get(), NameText(name).c_str(), 0);
 }
 
 size_t PartialFiles::removeAllBut(const std::vector<PartialName>& kept) const {

@@ -49,6 +49,7 @@ class PartialFiles {
 
  private:
   const std::string directory_;
+  FileDescriptor self_;  // the directory: names in it need no walk from the root
 };
 
 }  // namespace platform

@@ -9,6 +9,9 @@
 namespace platform {
 namespace {
 
+// Of a finished task: the next one is made, described, resumed and described again.
+constexpr size_t kUsualBatch = 8;
+
 // The application let go of the session, maybe inside the call that just returned; what keeps it is
 // the delegate's thread alone. Nobody can come by a reference again.
 bool isAbandoned(const std::shared_ptr<URLSession>& session) {
@@ -82,11 +85,11 @@ std::shared_ptr<URLSessionDownloadTask> SessionCore::makeTask(TransferCall creat
   info.id = create.task;
   info.request = create.request;
   const auto task = std::make_shared<TransferTask>(info, weak_from_this());
-  call(*task, std::move(create), [] { return true; });
+  call(*task, std::move(create));
   return task;
 }
 
-void SessionCore::call(TransferTask& task, TransferCall call, const std::function<bool()>& act) {
+void SessionCore::call(TransferTask& task, TransferCall call) {
   const bool own = threadId_.load() == std::this_thread::get_id();
   TransferBatch batch;
   // Inside a callback the batch of it is open, and nothing has to be waited for.
@@ -96,12 +99,13 @@ void SessionCore::call(TransferTask& task, TransferCall call, const std::functio
     MutexLock lock(mutex_);
     {
       MutexLock taskLock(task.mutex_);
-      if (!act()) return;
+      if (!task._act(call)) return;
     }
     if (call.kind == TransferCall::Kind::Create) tasks_.emplace(task.id_, task.shared_from_this());
     if (inCallback_ && (own || task.inBatch_)) {
       if (!task.inBatch_) inBatch_.push_back(task.shared_from_this());
       task.inBatch_ = true;
+      if (collected_.empty()) collected_.reserve(kUsualBatch);
       collected_.push_back(std::move(call));
       return;
     }

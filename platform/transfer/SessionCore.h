@@ -35,9 +35,8 @@ class SessionCore : public std::enable_shared_from_this<SessionCore> {
   std::shared_ptr<URLSessionDownloadTask> makeTask(TransferCall create);
   void getTasks(std::function<void(const URLSession::Tasks&)> completion);
 
-  // A call on a task; `act` changes what the task says, and tells with false that nothing is to be
-  // done. It is called with the task's lock held.
-  void call(TransferTask& task, TransferCall call, const std::function<bool()>& act);
+  // A call on a task, which changes what the task says at once.
+  void call(TransferTask& task, TransferCall call);
   // Transfers and events begin, unless they did.
   void start();
   int64_t millisecondsUntil(int64_t timeMs) const { return backend_->millisecondsUntil(timeMs); }

@@ -392,11 +392,12 @@ void TransferLedger::_putBack(const std::vector<EntryPtr>& entries, const ErrorP
   changedSinceMs_ = now_() + (full ? kFullRetryMs : 0);
 }
 
-std::optional<TransferRecord> TransferLedger::unfinishedTask(TransferTaskId id) const {
+std::optional<TransferLedger::Unfinished> TransferLedger::unfinishedTask(TransferTaskId id) const {
   MutexLock lock(mutex_);
   const EntryPtr entry = _find(id);
   if (!entry || entry->record.stage != TransferStage::None) return std::nullopt;
-  return entry->record;
+  const auto& record = entry->record;
+  return Unfinished{record.running, record.request.get(), record.content, record.effort};
 }
 
 bool TransferLedger::setContent(TransferTaskId id, const TransferContent& content,

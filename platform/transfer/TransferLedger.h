@@ -51,7 +51,13 @@ class TransferLedger {
   void setNow(std::function<int64_t()> now);
 
   // The transfer's side. A task that is gone or has ended is skipped: false.
-  std::optional<TransferRecord> unfinishedTask(TransferTaskId id) const;
+  struct Unfinished {
+    bool running = false;
+    URLRequestPtr request;
+    TransferContent content;
+    TransferEffort effort;
+  };
+  std::optional<Unfinished> unfinishedTask(TransferTaskId id) const;
   [[nodiscard]] bool setContent(TransferTaskId id, const TransferContent& content,
                                 const TransferEffort& effort);
   // The first `length` bytes of the file have reached the disk; what the transfer tells of its

@@ -62,21 +62,21 @@ TransferScheduler::Job* TransferScheduler::find(TransferTaskId id) {
 }
 
 void TransferScheduler::taskChanged(TransferTaskId id) {
-  const auto record = ledger_.unfinishedTask(id);
+  auto task = ledger_.unfinishedTask(id);
   Job* const job = find(id);
-  if (!record || !record->running) leaveBacklog(id);
-  if (!record) {
+  if (!task || !task->running) leaveBacklog(id);
+  if (!task) {
     if (!job) return;
     stopDownload(*job);
     if (job->content.file.generation > 0) ledger_.files().remove(job->content.file);
     return removeJob(*job);
   }
-  if (!record->running) {
+  if (!task->running) {
     if (job) suspend(*job);
     return;
   }
   if (!job) {
-    if (!enterBacklog(*record)) begin(*record);
+    if (!enterBacklog(id, *task)) begin(id, *std::move(task));
   } else if (job->state == State::Graced) {
     job->state = State::Active;
     ++active_;
@@ -90,9 +90,9 @@ void TransferScheduler::taskChanged(TransferTaskId id) {
   }
 }
 
-void TransferScheduler::begin(const TransferRecord& record) {
-  Job& added = addJob(record);
-  const int64_t retryAt = record.effort.retryAtBootMs;
+void TransferScheduler::begin(TransferTaskId id, TransferLedger::Unfinished&& task) {
+  Job& added = addJob(id, std::move(task));
+  const int64_t retryAt = added.effort.retryAtBootMs;
   const int64_t wait = retryAt == 0 ? 0 : retryAt - clock_.bootMs();
   if (wait <= 0) return enqueue(added);
   added.state = State::Retrying;
@@ -103,12 +103,12 @@ void TransferScheduler::begin(const TransferRecord& record) {
 }
 
 // False when the host's queue is short enough for one more.
-bool TransferScheduler::enterBacklog(const TransferRecord& record) {
-  const URLPtr url = record.request.get()->url();
+bool TransferScheduler::enterBacklog(TransferTaskId id, const TransferLedger::Unfinished& task) {
+  const URLPtr& url = task.request->url();
   const auto found = hosts_.find(url ? url->origin() : "");
   if (found == hosts_.end() || found->second->queue.size() < kQueuedJobs) return false;
   Host& host = *found->second;
-  if (host.backlog.insert(record.id).second) host.newInBacklog.push_back(record.id);
+  if (host.backlog.insert(id).second) host.newInBacklog.push_back(id);
   return true;
 }
 
@@ -121,20 +121,21 @@ void TransferScheduler::refill(Host& host) {
   while (host.queue.size() < kQueuedJobs / 2 && !host.backlog.empty()) {
     const TransferTaskId id = *host.backlog.begin();
     host.backlog.erase(host.backlog.begin());
-    const auto record = ledger_.unfinishedTask(id);
-    if (!record || !record->running || find(id)) continue;
-    begin(*record);
+    auto task = ledger_.unfinishedTask(id);
+    if (!task || !task->running || find(id)) continue;
+    begin(id, *std::move(task));
     find(id)->toldWait = host.toldBacklog;
   }
 }
 
-TransferScheduler::Job& TransferScheduler::addJob(const TransferRecord& record) {
+TransferScheduler::Job& TransferScheduler::addJob(TransferTaskId id,
+                                                  TransferLedger::Unfinished&& task) {
   auto job = std::make_unique<Job>();
-  job->id = record.id;
-  job->request = record.request.get();
-  job->content = record.content;
-  job->effort = record.effort;
-  job->clock = StallClock(record.effort.stalledMs);
+  job->id = id;
+  job->request = std::move(task.request);
+  job->content = std::move(task.content);
+  job->effort = task.effort;
+  job->clock = StallClock(task.effort.stalledMs);
   const URLPtr& url = job->request->url();
   job->hostName = url ? url->origin() : "";
   auto& host = hosts_[job->hostName];
@@ -142,7 +143,7 @@ TransferScheduler::Job& TransferScheduler::addJob(const TransferRecord& record) 
   job->host = host.get();
   ++host->jobs;
   Job& added = *job;
-  jobs_[record.id] = std::move(job);
+  jobs_[id] = std::move(job);
   return added;
 }
 

@@ -103,9 +103,9 @@ class TransferScheduler final : public Download::Owner {
   void downloadDidEnd(Download& download) override;
 
   Job* find(TransferTaskId id);
-  Job& addJob(const TransferRecord& record);
-  void begin(const TransferRecord& record);
-  bool enterBacklog(const TransferRecord& record);
+  Job& addJob(TransferTaskId id, TransferLedger::Unfinished&& task);
+  void begin(TransferTaskId id, TransferLedger::Unfinished&& task);
+  bool enterBacklog(TransferTaskId id, const TransferLedger::Unfinished& task);
   void leaveBacklog(TransferTaskId id);
   void refill(Host& host);
   void tellBacklog(Host& host);

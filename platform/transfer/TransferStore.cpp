@@ -300,7 +300,7 @@ TransferTaskId TransferStore::reserveIdentifiers(uint64_t count) {
   return writer.step() ? static_cast<TransferTaskId>(last) + 1 : 0;
 }
 
-std::string TransferStore::currentBootId() {
+const std::string& TransferStore::currentBootId() {
   // Kept for threads that outlive main.
   static const auto& id = *new std::string([] {
     std::ifstream file("/proc/sys/kernel/random/boot_id");

@@ -111,7 +111,7 @@ class TransferStore {
   // stored.
   [[nodiscard]] TransferTaskId reserveIdentifiers(uint64_t count);
 
-  static std::string currentBootId();
+  static const std::string& currentBootId();
 
   static constexpr const char* kDatabaseName = "session.db";
 

@@ -209,7 +209,7 @@ void bindFacts(TransferRowWriter& row, const TransferRecord& record) {
   row.bind(int64_t{static_cast<int>(effort.wait)});
   bindError(row, record.error);
   row.bind(record.resumeToken);
-  row.bindCopy(record.bootId.empty() ? TransferStore::currentBootId() : record.bootId);
+  row.bind(record.bootId.empty() ? TransferStore::currentBootId() : record.bootId);
 }
 
 }  // namespace platform

@@ -117,18 +117,18 @@ void TransferTask::change(TransferCall::Kind kind, std::optional<std::string> de
   call.kind = kind;
   call.task = id_;
   call.description = std::move(description);
-  core->call(*this, call, [&]() NO_THREAD_SAFETY_ANALYSIS { return _act(kind, call.description); });
+  core->call(*this, std::move(call));
   if (kind == TransferCall::Kind::Resume || kind == TransferCall::Kind::Cancel) core->start();
 }
 
 // False when nothing changes.
-bool TransferTask::_act(TransferCall::Kind kind, const std::optional<std::string>& description) {
+bool TransferTask::_act(const TransferCall& call) {
   using State = URLSessionTaskState;
   if (state_ == State::Completed || state_ == State::Canceling) return false;
-  switch (kind) {
+  switch (call.kind) {
     case TransferCall::Kind::SetDescription:
-      if (description_ == description) return false;
-      description_ = description;
+      if (description_ == call.description) return false;
+      description_ = call.description;
       return true;
     case TransferCall::Kind::Resume:
       return std::exchange(state_, State::Running) != State::Running;
@@ -138,6 +138,7 @@ bool TransferTask::_act(TransferCall::Kind kind, const std::optional<std::string
       state_ = State::Canceling;
       return true;
     case TransferCall::Kind::Create:
+      return true;
     case TransferCall::Kind::Acknowledge:
       break;
   }

@@ -37,8 +37,7 @@ class TransferTask final : public URLSessionDownloadTask,
   friend class SessionCore;
 
   void change(TransferCall::Kind kind, std::optional<std::string> description);
-  bool _act(TransferCall::Kind kind, const std::optional<std::string>& description)
-      REQUIRES(mutex_);
+  [[nodiscard]] bool _act(const TransferCall& call) REQUIRES(mutex_);
 
   const TransferTaskId id_;
   const URLRequestPtr request_;

@@ -142,6 +142,7 @@ TEST_F(StoreTest, GivesBackEveryFieldOfATask) {
   bare.id = 2;
   bare.bootId = TransferStore::currentBootId();  // what an empty one stands for
   bare.request = std::make_shared<const URLRequest>(nullptr);
+  bare.bootId = "boot";
   const TransferRecord full = fullRecord(1);
   TransferRecord changed = full;
   TransferRecord packed = bare;

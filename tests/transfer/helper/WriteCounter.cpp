@@ -18,6 +18,12 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define QN_THREAD_SANITIZER
+#endif
+#endif
+
 namespace {
 
 std::atomic<long> count{0};
@@ -165,12 +171,14 @@ int unlinkat(int directory, const char* path, int flags) {
   return operation(isBelow(directory) || isBelow(path),
                    [&] { return call(directory, path, flags); });
 }
+#ifndef QN_THREAD_SANITIZER  // whose runtime makes the directory of its reports before it is ready
 int mkdir(const char* path, mode_t mode) {
   // A sanitizer makes the directory of its reports before anything else of this process works.
   if (!started) return static_cast<int>(syscall(SYS_mkdirat, AT_FDCWD, path, mode));
   const auto call = REAL(mkdir);
   return operation(isBelow(path), [&] { return call(path, mode); });
 }
+#endif
 
 }  // extern "C"
 #pragma GCC visibility pop

@@ -1,5 +1,6 @@
 #include "qnc/qncUri.h"
 
+#include <array>
 #include <charconv>
 
 namespace qnc {
@@ -31,7 +32,14 @@ bool isEscape(Text text) {
 
 // RFC 3986 sections 2.2 and 2.3: what every component takes.
 bool isUnreservedOrSubDelim(char c) {
-  return isAlpha(c) || isDigit(c) || isOneOf(c, "-._~!$&'()*+,;=");
+  static constexpr auto kTable = [] {
+    std::array<bool, 256> table{};
+    for (const char known : Text("0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                                 "-._~!$&'()*+,;="))
+      table[static_cast<unsigned char>(known)] = true;
+    return table;
+  }();
+  return kTable[static_cast<unsigned char>(c)];
 }
 
 // Length of a scheme that is followed by a colon; 0 when there is none (section 3.1).
@@ -330,7 +338,7 @@ std::string URI::percentDecode(std::string_view text) {
   std::string out;
   out.reserve(text.size());
   for (size_t i = 0; i < text.size(); ++i) {
-    if (isEscape(text.substr(i, 3))) {
+    if (text[i] == '%' && isEscape(text.substr(i, 3))) {
       out.push_back(static_cast<char>(hexDigit(text[i + 1]) << 4 | hexDigit(text[i + 2])));
       i += 2;
     } else {
