@@ -8,6 +8,7 @@
 #include <curl/curl.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include "platform/transfer/TransferClock.h"
@@ -84,6 +85,8 @@ CURL* CurlLoop::takeHandle() {
   CURL* const easy = curl_easy_init();
   if (!easy) throw std::bad_alloc();
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &CurlLoop::openSocket);
+  curl_easy_setopt(easy, CURLOPT_OPENSOCKETDATA, this);
   curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, &CurlLoop::closeSocket);
   curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, this);
   curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
@@ -188,17 +191,28 @@ int CurlLoop::socketChanged(CURL*, int fd, int what, void* selfPointer, void*) {
   return 0;
 }
 
+int CurlLoop::openSocket(void* selfPointer, int, curl_sockaddr* address) {
+  const int fd = ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  if (fd >= 0) static_cast<CurlLoop*>(selfPointer)->opened_[fd] = 0;
+  return fd;
+}
+
 int CurlLoop::closeSocket(void* selfPointer, int fd) {
-  static_cast<CurlLoop*>(selfPointer)->unwatch(fd);
+  auto* const self = static_cast<CurlLoop*>(selfPointer);
+  self->watched_.erase(fd);
+  self->forget(fd);
+  self->opened_.erase(fd);
   return ::close(fd);
 }
 
 void CurlLoop::watch(int fd, uint32_t events) {
+  watched_.insert(fd);
+  const auto opened = opened_.find(fd);
+  if (opened != opened_.end() && std::exchange(opened->second, events) == events) return;
   epoll_event event{};
   event.events = events;
   event.data.fd = fd;
-  const bool isNew = watched_.insert(fd).second;
-  if (isNew && epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) == 0) return;
+  if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) == 0) return;
   epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, fd, &event);
 }
 
@@ -206,13 +220,19 @@ void CurlLoop::watch(int fd, uint32_t events) {
 // it was still connecting, and its number may be another thread's by now: it is left alone, and
 // run() sorts it out should it still be there.
 void CurlLoop::unwatch(int fd) {
-  if (watched_.erase(fd) == 0 || removing_) return;
-  forget(fd);
+  if (watched_.erase(fd) == 0) return;
+  if (removing_) {
+    opened_.erase(fd);
+  } else if (!opened_.contains(fd)) {
+    forget(fd);
+  }
 }
 
 void CurlLoop::forget(int fd) {
   epoll_event ignored{};
   epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, &ignored);
+  const auto opened = opened_.find(fd);
+  if (opened != opened_.end()) opened->second = 0;
 }
 
 int CurlLoop::timerChanged(CURLM*, long timeoutMs, void* selfPointer) {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -11,6 +12,7 @@
 
 typedef void CURL;
 typedef void CURLM;
+struct curl_sockaddr;
 
 namespace platform {
 
@@ -51,6 +53,7 @@ class CurlLoop {
 
  private:
   static int socketChanged(CURL* easy, int fd, int what, void* self, void*);
+  static int openSocket(void* self, int purpose, curl_sockaddr* address);
   static int closeSocket(void* self, int fd);
   void watch(int fd, uint32_t events);
   void unwatch(int fd);
@@ -63,7 +66,10 @@ class CurlLoop {
   const Done done_;
   FileDescriptor epoll_;
   FileDescriptor wakeup_;
-  std::unordered_set<int> watched_;  // by epoll_, of libcurl's sockets
+  std::unordered_set<int> watched_;  // of libcurl's sockets, those that it wants to hear of
+  // Of those that it opened here, what epoll_ has them for. One that is out of use for a moment
+  // stays there: the next transfer mostly wants the same.
+  std::unordered_map<int, uint32_t> opened_;
   bool removing_ = false;
   std::atomic<bool> woken_{false};
   std::atomic<bool> waiting_{false};

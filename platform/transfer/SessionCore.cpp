@@ -50,6 +50,7 @@ void SessionCore::open(std::weak_ptr<URLSession> session) {
 }
 
 void SessionCore::start() {
+  if (started_.load()) return;
   MutexLock submitLock(submitMutex_);
   {
     MutexLock lock(mutex_);

@@ -111,6 +111,8 @@ void TransferTask::cancel() {
 }
 
 void TransferTask::change(TransferCall::Kind kind, std::optional<std::string> description) {
+  // What has completed stays so.
+  if (state() == URLSessionTaskState::Completed) return;
   const auto core = core_.lock();
   if (!core) return;
   TransferCall call;
