@@ -7,7 +7,7 @@ namespace platform {
 namespace {
 
 // Sockets can be left alone for so long.
-constexpr auto kPatience = std::chrono::milliseconds(2);
+constexpr auto kPatience = std::chrono::milliseconds(5);
 
 }  // namespace
 

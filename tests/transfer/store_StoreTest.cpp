@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -142,7 +143,6 @@ TEST_F(StoreTest, GivesBackEveryFieldOfATask) {
   bare.id = 2;
   bare.bootId = TransferStore::currentBootId();  // what an empty one stands for
   bare.request = std::make_shared<const URLRequest>(nullptr);
-  bare.bootId = "boot";
   const TransferRecord full = fullRecord(1);
   TransferRecord changed = full;
   TransferRecord packed = bare;
@@ -240,19 +240,22 @@ TEST_F(StoreTest, IsPrivate) {
 
 TEST_F(StoreTest, AForkedChildDoesNotHoldIt) {
   auto store = open();
-  int pipe[2];
-  ASSERT_EQ(0, ::pipe(pipe));
+  int pair[2];
+  ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair));
   const pid_t child = ::fork();
   if (child == 0) {
-    ::close(pipe[1]);
+    ::close(pair[1]);
     char byte = 0;
-    static_cast<void>(!::read(pipe[0], &byte, 1));  // until the parent is done
+    static_cast<void>(!::write(pair[0], &byte, 1));  // it runs
+    static_cast<void>(!::read(pair[0], &byte, 1));   // until the parent is done
     ::_exit(0);
   }
+  char byte = 0;
+  EXPECT_EQ(1, ::read(pair[1], &byte, 1));
   store.reset();
   EXPECT_NO_THROW(open());
-  ::close(pipe[0]);
-  ::close(pipe[1]);
+  ::close(pair[0]);
+  ::close(pair[1]);
   ::waitpid(child, nullptr, 0);
 }
 
