@@ -114,8 +114,7 @@ uint64_t textBound(const MultiSegmentRepresentation& representation, uint64_t co
   if (const auto* list = dynamic_cast<const SegmentList*>(&base)) {
     const auto& segments = list->mediaSegments();
     return qnc::saturatingAdd<uint64_t>(
-        segments.textSize(),
-        qnc::saturatingMul(count, lengthBound(0, segments.base().size())));
+        segments.textSize(), qnc::saturatingMul(count, lengthBound(0, segments.base().size())));
   }
   if (const auto* segments = dynamic_cast<const SegmentTemplate*>(&base)) {
     const mpl::dash::TemplateURI uri(segments->mediaTemplate(), representation.id(),
@@ -288,10 +287,11 @@ void QNDASHResourceListBuilder::fillResourcesFromMulti(
     QNResourceListAssembler& assembler, const MultiSegmentRepresentation& index) const {
   const int64_t first = index.getFirstSegmentNum();
   const int64_t count = index.getSegmentCount(durationUs_);
-  index.forEachSegment(
-      first, first + count - 1, [&assembler](const mpl::dash::ListedSegment& segment) {
-        assembler.add(orZero(segment.range.offset), orZero(segment.range.length), segment.uri);
-      });
+  index.forEachSegment(first, qnc::saturatingAdd(first, count - 1),
+                       [&assembler](const mpl::dash::ListedSegment& segment) {
+                         assembler.add(orZero(segment.range.offset), orZero(segment.range.length),
+                                       segment.uri);
+                       });
 }
 
 QNMediaType mediaTypeWithContentType(ContentType contentType) {

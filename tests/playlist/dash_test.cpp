@@ -317,6 +317,8 @@ TEST(DASH, ATemplateThatCannotBeBuiltIsToldWhenItIsListed) {
       {"$Number%5d$", "Invalid template format: %5d"},
       {"$RepresentationID%02d$", "Invalid template: $RepresentationID%02d$"},
       {"$Foo$", "Invalid template: $Foo$"},
+      // Rather than a list that ends where numbers do.
+      {"$Number$' startNumber='2147483647", "Segment number out of range"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.media);

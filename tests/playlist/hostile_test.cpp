@@ -60,7 +60,7 @@ TEST(Hostile, TooManyResourcesAreRefusedForEveryQuality) {
        "The presentation lists 10000001 resources, more than 5000000"},
       {"a thousand years of seconds",
        dash("<SegmentTemplate duration='1' media='$Number$'/>", 1, "P1000Y"),
-       "The presentation lists 2147483648 resources, more than 5000000"},
+       "The presentation lists 31556908001 resources, more than 5000000"},
       {"fifty qualities at the limit",
        dash("<SegmentTemplate duration='1' media='$Number$'/>", 50, "PT4999999S"),
        "The presentation lists 250000000 resources, more than 5000000"},

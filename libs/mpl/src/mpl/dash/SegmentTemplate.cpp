@@ -1,7 +1,5 @@
 #include "mpl/dash/SegmentTemplate.h"
 
-#include <algorithm>
-#include <limits>
 #include <string>
 #include <utility>
 
@@ -61,7 +59,7 @@ int64_t SegmentTemplate::getLastSegmentNum(int64_t periodDurationUs) const {
   if (!isExplicit() && periodDurationUs == -1) return -1;
   const Int128 count = isExplicit() ? static_cast<Int128>(segmentTimeline().size())
                                     : ceilDivide(periodDurationUs, segmentDurationUs());
-  return std::min<int64_t>(clamped(startNumber() + count - 1), std::numeric_limits<int32_t>::max());
+  return clamped(startNumber() + count - 1);
 }
 
 RangedURI SegmentTemplate::getSegmentURL(const Representation& representation,

@@ -14,7 +14,7 @@ using SharedText = std::shared_ptr<const FastString>;
 
 // Segments whose URLs are made from a template. A template that cannot be built throws when a URL
 // is made (TemplateURI.h), not before. Numbers are printed as 32 bits: one that does not fit is out
-// of range, and no segment is counted beyond it.
+// of range, and a list that would reach it throws before it shows anything.
 class SegmentTemplate : public MultiSegmentBase {
  public:
   // `baseURL` is the one in force where the element stands.
