@@ -125,7 +125,7 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
   void removeAll();
 
   // For the application's launch by the transfer service: the handler is called on the main queue
-  // when all held events were delivered. Null is ignored.
+  // when all held events were delivered, also when they were before. Null is ignored.
   void handleBackgroundEventsWithCompletionHandler(std::function<void()> handler);
   // Observers of the application's notifications. Entering the foreground suspends every running
   // task and resumes it a second later, which wakes stalled transfers.

@@ -290,6 +290,8 @@ void QNMovieDownloader::handleBackgroundEventsWithCompletionHandler(std::functio
   if (!handler) return;
   RecursiveLock lock(mutex_);
   backgroundCompletionHandlers_.push_back(std::move(handler));
+  // The events may have ended before this handler came.
+  if (session_) session_->tellEndOfBackgroundEvents();
 }
 
 void QNMovieDownloader::handleLeaveForeground() {}

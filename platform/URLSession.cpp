@@ -71,6 +71,8 @@ URLSessionDataTask::~URLSessionDataTask() = default;
 
 URLSession::~URLSession() = default;
 
+void URLSession::tellEndOfBackgroundEvents() {}
+
 std::shared_ptr<URLSession> URLSession::sessionWithConfiguration(
     const URLSessionConfiguration& configuration, std::weak_ptr<URLSessionDelegate> delegate) {
   Provider provider;

@@ -109,7 +109,8 @@ class QN_EXPORT URLSessionDelegate {
   virtual void URLSessionTaskDidCompleteWithError(
       const std::shared_ptr<URLSession>& session,
       const std::shared_ptr<URLSessionDownloadTask>& task, const ErrorPtr& error);
-  // Once after the last event that was held while no delegate was there.
+  // Once after the last event that was held while no delegate was there, and again after
+  // tellEndOfBackgroundEvents().
   virtual void URLSessionDidFinishEventsForBackgroundURLSession(
       const std::shared_ptr<URLSession>& session);
 };
@@ -187,6 +188,10 @@ class QN_EXPORT URLSession : public std::enable_shared_from_this<URLSession> {
   // The same list; what differs between the two on other platforms (data and upload tasks) does not
   // exist here.
   virtual void getAllTasksWithCompletionHandler(std::function<void(const Tasks&)> completion) = 0;
+  // For an application that was given one more handler to call at the end of background events: the
+  // delegate is told of the end once for every call, after the last held event; when none is left,
+  // at once. What it is told anyway counts as one. Nothing in a session without events.
+  virtual void tellEndOfBackgroundEvents();
   // A fetch whose body is kept in memory: redirects are followed, http and https only, at most
   // `maximumBytes` after decoding (more is URLErrorDataLengthExceedsMaximum).
   virtual std::shared_ptr<URLSessionDataTask> dataTaskWithRequest(const URLRequestPtr& request,

@@ -1,5 +1,6 @@
 #include "platform/transfer/SessionCore.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "platform/Log.h"
@@ -145,6 +146,16 @@ void SessionCore::getTasks(std::function<void(const URLSession::Tasks&)> complet
     if (completion) completion(tasks);
   });
   start();
+}
+
+void SessionCore::tellEndOfEvents() {
+  Item item;
+  item.block = [this] {
+    if (const auto session = session_.lock(); session && held_ == 0) tellEnds(session);
+  };
+  MutexLock lock(mutex_);
+  ++endsAsked_;
+  _push(std::move(item));
 }
 
 // --- From the backend ---------------------------------------------------------------------------
@@ -336,15 +347,27 @@ void SessionCore::finishBatch(const TransferTask* acknowledged) {
 
 void SessionCore::countHeld(const std::shared_ptr<URLSession>& session) {
   if (held_ == 0 || --held_ > 0) return;
-  const auto delegate = delegate_.lock();
-  if (!delegate) return;
   {
     MutexLock lock(mutex_);
-    inCallback_ = true;
+    endsAsked_ = std::max<size_t>(endsAsked_, 1);
   }
-  guarded("URLSessionDidFinishEventsForBackgroundURLSession",
-          [&] { delegate->URLSessionDidFinishEventsForBackgroundURLSession(session); });
-  finishBatch(nullptr);
+  tellEnds(session);
+}
+
+void SessionCore::tellEnds(const std::shared_ptr<URLSession>& session) {
+  for (;;) {
+    const auto delegate = delegate_.lock();
+    if (!delegate || isAbandoned(session)) return;
+    {
+      MutexLock lock(mutex_);
+      if (endsAsked_ == 0) return;
+      --endsAsked_;
+      inCallback_ = true;
+    }
+    guarded("URLSessionDidFinishEventsForBackgroundURLSession",
+            [&] { delegate->URLSessionDidFinishEventsForBackgroundURLSession(session); });
+    finishBatch(nullptr);
+  }
 }
 
 }  // namespace platform

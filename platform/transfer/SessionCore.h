@@ -34,6 +34,7 @@ class SessionCore : public std::enable_shared_from_this<SessionCore> {
 
   std::shared_ptr<URLSessionDownloadTask> makeTask(TransferCall create);
   void getTasks(std::function<void(const URLSession::Tasks&)> completion);
+  void tellEndOfEvents();
 
   // A call on a task, which changes what the task says at once.
   void call(TransferTask& task, TransferCall call);
@@ -64,6 +65,7 @@ class SessionCore : public std::enable_shared_from_this<SessionCore> {
                   const std::shared_ptr<URLSession>& session, URLSessionDelegate& delegate);
   void finishBatch(const TransferTask* acknowledged);
   void countHeld(const std::shared_ptr<URLSession>& session);
+  void tellEnds(const std::shared_ptr<URLSession>& session);
 
   const std::unique_ptr<TransferBackend> backend_;
   const std::weak_ptr<URLSessionDelegate> delegate_;
@@ -83,6 +85,7 @@ class SessionCore : public std::enable_shared_from_this<SessionCore> {
   std::vector<std::shared_ptr<TransferTask>> inBatch_ GUARDED_BY(mutex_);
   std::thread thread_;
   std::atomic<std::thread::id> threadId_{};
+  size_t endsAsked_ GUARDED_BY(mutex_) = 0;
   size_t held_ = 0;  // of the thread, after start
 };
 

@@ -121,6 +121,10 @@ void TransferSession::getAllTasksWithCompletionHandler(
   core_->getTasks(std::move(completion));
 }
 
+void TransferSession::tellEndOfBackgroundEvents() {
+  core_->tellEndOfEvents();
+}
+
 std::shared_ptr<URLSessionDataTask> TransferSession::dataTaskWithRequest(
     const URLRequestPtr& request, DataCompletion completion) {
   return DataFetcher::shared().makeTask(request, std::move(completion));

@@ -26,6 +26,7 @@ class TransferSession final : public URLSession {
       const DataPtr& resumeData) override;
   void getTasksWithCompletionHandler(std::function<void(const Tasks&)> completion) override;
   void getAllTasksWithCompletionHandler(std::function<void(const Tasks&)> completion) override;
+  void tellEndOfBackgroundEvents() override;
   std::shared_ptr<URLSessionDataTask> dataTaskWithRequest(const URLRequestPtr& request,
                                                           DataCompletion completion) override;
 

@@ -104,15 +104,23 @@ void ScriptedSession::recover() {
     }
   }
   if (heldEvents) tellEventsFinished();
+  endDue_ = heldEvents;
+}
+
+void ScriptedSession::tellEndOfBackgroundEvents() {
+  Lock lock(store_->mutex_);
+  if (!std::exchange(endDue_, false)) tellEventsFinished();
 }
 
 void ScriptedSession::tellEventsFinished() {
   Lock lock(store_->mutex_);
   const auto self = shared_from_this();
   events_.push_back({0,
-                     [weak = std::weak_ptr(self)](const auto& delegate) {
-                       if (const auto session = weak.lock())
-                         delegate->URLSessionDidFinishEventsForBackgroundURLSession(session);
+                     [this, weak = std::weak_ptr(self)](const auto& delegate) {
+                       const auto session = weak.lock();
+                       if (!session) return;
+                       endDue_ = false;
+                       delegate->URLSessionDidFinishEventsForBackgroundURLSession(session);
                      },
                      false});
 }

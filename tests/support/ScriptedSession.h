@@ -108,6 +108,7 @@ class ScriptedSession : public platform::URLSession {
   Task downloadTaskWithResumeData(const platform::DataPtr& resumeData) override;
   void getTasksWithCompletionHandler(std::function<void(const Tasks&)> completion) override;
   void getAllTasksWithCompletionHandler(std::function<void(const Tasks&)> completion) override;
+  void tellEndOfBackgroundEvents() override;
   std::shared_ptr<platform::URLSessionDataTask> dataTaskWithRequest(
       const platform::URLRequestPtr& request, DataCompletion completion) override;
 
@@ -144,6 +145,7 @@ class ScriptedSession : public platform::URLSession {
   std::optional<std::thread::id> deliverer_;
   std::set<uint64_t> changedInside_;  // by calls from inside the event that is being delivered
   bool asked_ = false;
+  bool endDue_ = false;  // of the held events, and nobody has asked for it yet
   size_t tasksMade_ = 0;
 };
 
