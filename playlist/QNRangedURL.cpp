@@ -66,7 +66,13 @@ platform::URLPtr QNRangedURL::resolveURL() const {
   if (!baseURL_) return platform::URL::URLWithString(referenceURL_);
   // A base that is no URL leaves nothing to resolve against; an absolute reference stands without
   // it.
-  return platform::URL::URLWithString(referenceURL_, platform::URL::URLWithString(*baseURL_));
+  // The resources of a list share it, so it is read once for many.
+  thread_local struct {
+    BaseURL text;
+    platform::URLPtr url;
+  } base;
+  if (base.text != baseURL_) base = {baseURL_, platform::URL::URLWithString(*baseURL_)};
+  return platform::URL::URLWithString(referenceURL_, base.url);
 }
 
 std::shared_ptr<platform::URLRequest> QNRangedURL::prepareRequest() const {

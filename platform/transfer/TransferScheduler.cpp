@@ -31,6 +31,11 @@ constexpr int kFlushWaitMs = 2'000;
 // While the byte rate allows it one more paused transfer goes on after so long.
 constexpr int64_t kReleaseIntervalMs = 5;
 
+std::string hostNameOf(const TransferLedger::Unfinished& task) {
+  const URLPtr& url = task.request->url();
+  return url ? url->origin() : "";
+}
+
 bool isFull(int error) {
   return error == ENOSPC || error == EDQUOT;
 }
@@ -76,7 +81,8 @@ void TransferScheduler::taskChanged(TransferTaskId id) {
     return;
   }
   if (!job) {
-    if (!enterBacklog(id, *task)) begin(id, *std::move(task));
+    std::string hostName = hostNameOf(*task);
+    if (!enterBacklog(id, hostName)) begin(id, std::move(hostName), *std::move(task));
   } else if (job->state == State::Graced) {
     job->state = State::Active;
     ++active_;
@@ -90,8 +96,9 @@ void TransferScheduler::taskChanged(TransferTaskId id) {
   }
 }
 
-void TransferScheduler::begin(TransferTaskId id, TransferLedger::Unfinished&& task) {
-  Job& added = addJob(id, std::move(task));
+void TransferScheduler::begin(TransferTaskId id, std::string hostName,
+                              TransferLedger::Unfinished&& task) {
+  Job& added = addJob(id, std::move(hostName), std::move(task));
   const int64_t retryAt = added.effort.retryAtBootMs;
   const int64_t wait = retryAt == 0 ? 0 : retryAt - clock_.bootMs();
   if (wait <= 0) return enqueue(added);
@@ -103,9 +110,8 @@ void TransferScheduler::begin(TransferTaskId id, TransferLedger::Unfinished&& ta
 }
 
 // False when the host's queue is short enough for one more.
-bool TransferScheduler::enterBacklog(TransferTaskId id, const TransferLedger::Unfinished& task) {
-  const URLPtr& url = task.request->url();
-  const auto found = hosts_.find(url ? url->origin() : "");
+bool TransferScheduler::enterBacklog(TransferTaskId id, const std::string& hostName) {
+  const auto found = hosts_.find(hostName);
   if (found == hosts_.end() || found->second->queue.size() < kQueuedJobs) return false;
   Host& host = *found->second;
   if (host.backlog.insert(id).second) host.newInBacklog.push_back(id);
@@ -123,12 +129,12 @@ void TransferScheduler::refill(Host& host) {
     host.backlog.erase(host.backlog.begin());
     auto task = ledger_.unfinishedTask(id);
     if (!task || !task->running || find(id)) continue;
-    begin(id, *std::move(task));
+    begin(id, hostNameOf(*task), *std::move(task));
     find(id)->toldWait = host.toldBacklog;
   }
 }
 
-TransferScheduler::Job& TransferScheduler::addJob(TransferTaskId id,
+TransferScheduler::Job& TransferScheduler::addJob(TransferTaskId id, std::string hostName,
                                                   TransferLedger::Unfinished&& task) {
   auto job = std::make_unique<Job>();
   job->id = id;
@@ -136,8 +142,7 @@ TransferScheduler::Job& TransferScheduler::addJob(TransferTaskId id,
   job->content = std::move(task.content);
   job->effort = task.effort;
   job->clock = StallClock(task.effort.stalledMs);
-  const URLPtr& url = job->request->url();
-  job->hostName = url ? url->origin() : "";
+  job->hostName = std::move(hostName);
   auto& host = hosts_[job->hostName];
   if (!host) host = std::make_unique<Host>();
   job->host = host.get();

@@ -103,9 +103,9 @@ class TransferScheduler final : public Download::Owner {
   void downloadDidEnd(Download& download) override;
 
   Job* find(TransferTaskId id);
-  Job& addJob(TransferTaskId id, TransferLedger::Unfinished&& task);
-  void begin(TransferTaskId id, TransferLedger::Unfinished&& task);
-  bool enterBacklog(TransferTaskId id, const TransferLedger::Unfinished& task);
+  Job& addJob(TransferTaskId id, std::string hostName, TransferLedger::Unfinished&& task);
+  void begin(TransferTaskId id, std::string hostName, TransferLedger::Unfinished&& task);
+  bool enterBacklog(TransferTaskId id, const std::string& hostName);
   void leaveBacklog(TransferTaskId id);
   void refill(Host& host);
   void tellBacklog(Host& host);
