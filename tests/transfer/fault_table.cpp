@@ -164,7 +164,13 @@ std::vector<FaultRow> statusRows() {
     row.expected = "wfc " + std::to_string(status);
     row.requests = 1;
     rows.push_back(row);
-    row.name += "OnAResumedRange";
+    row.name += "WithoutABody";
+    row.then.body.clear();
+    row.size = 0;
+    rows.push_back(row);
+    row.then = Fault::page(status);
+    row.size = row.then.body.size();
+    row.name = "Page" + std::to_string(status) + "OnAResumedRange";
     row.faults = {Fault::reset(kHalf)};
     row.requests = 2;
     row.check = [status](FaultServer&, const Application::Events& events) {
@@ -303,6 +309,14 @@ std::vector<FaultRow> framingRows() {
   add("HTTP10", [](Fault& f) { f.http10 = true; });
   add("HTTP10WithoutLength", [](Fault& f) { f.http10 = f.noLength = true; });
   add("ClosesTheKeptConnection", [](Fault& f) { f.closeAfter = true; });
+  add("CompressedThoughNotAsked", [](Fault& f) { f.gzip = true; });
+  // What came of it is decoded: no part of the file that a range could continue.
+  FaultRow& cutOff = add("CompressedAndCutOff", [](Fault&) {});
+  cutOff.faults = {with(Fault::reset(kHalf), [](Fault& f) { f.gzip = true; })};
+  cutOff.requests = 2;
+  cutOff.check = [](FaultServer& server, const Application::Events&) {
+    EXPECT_EQ(server.requests("/a").back().header("Range"), std::nullopt);
+  };
   return rows;
 }
 
