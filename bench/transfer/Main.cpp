@@ -130,6 +130,7 @@ struct Settings {
   std::string work;     // on tmpfs
   std::string certificate, key;
   std::string only;
+  std::string what;  // empty: all
   int runs = 5;
   long held = 0;  // tasks
 
@@ -184,6 +185,7 @@ bool runCase(const Case& c, const Settings& s) {
   setEnvironment(c, s);
   std::vector<std::string> modes{"floor", "floor+mpd", "session", "service"};
   if (!s.program.empty()) modes.push_back("program");
+  if (!s.what.empty()) std::erase_if(modes, [&](const auto& mode) { return mode != s.what; });
   std::vector<Result> best(modes.size());
   for (int run = 0; run < s.runs; ++run) {
     for (size_t i = 0; i < modes.size(); ++i) {
@@ -205,10 +207,10 @@ bool runCase(const Case& c, const Settings& s) {
     std::printf(
         "| %-20s | %-9s | %7.3f | %5.2f | %5.2f | %7.3f | %5.2f | %5.2f | %8.1f | %8.1f | %s\n",
         c.name, modes[i].c_str(), best[i].wall, best[i].wall / best[0].wall,
-        best[i].wall / best[1].wall, best[i].cpu, best[i].cpu / best[0].cpu,
-        best[i].cpu / best[1].cpu, double(best[i].peakKiB) / 1024,
+        best[i].wall / best[1 % modes.size()].wall, best[i].cpu, best[i].cpu / best[0].cpu,
+        best[i].cpu / best[1 % modes.size()].cpu, double(best[i].peakKiB) / 1024,
         (best[i].cpu - best[0].cpu) / files * 1e6, best[i].ok ? "" : "FAILED");
-    if (modes[i] == "service")
+    if (modes[i] == "service" && i > 0)
       std::printf("  service : session, wall %.2f\n", best[i].wall / best[i - 1].wall);
     std::fflush(stdout);
     ok = ok && best[i].ok;
@@ -279,7 +281,8 @@ std::string qnbench::manifestPath(int qualities, int segments, long bytes) {
          std::to_string(bytes);
 }
 
-// bench_transfer [--program PATH] [--runs N] [--only TEXT] [--tls CERT KEY] [--held TASKS] WORKDIR
+// bench_transfer [--program PATH] [--runs N] [--only TEXT] [--what NAME] [--tls CERT KEY] [--held
+// TASKS] WORKDIR
 int main(int argc, char** argv) {
   const std::vector<std::string> a(argv + 1, argv + argc);
   if (a.size() == 5 && a[0] == "held")
@@ -300,6 +303,8 @@ int main(int argc, char** argv) {
       settings.runs = std::stoi(a.at(++i));
     else if (a[i] == "--held")
       settings.held = std::stol(a.at(++i));
+    else if (a[i] == "--what")
+      settings.what = a.at(++i);
     else if (a[i] == "--only")
       settings.only = a.at(++i);
     else if (a[i] == "--tls")
@@ -311,7 +316,8 @@ int main(int argc, char** argv) {
   if (!a.empty() && a[0] == "--check") return check(settings);
   if (settings.work.empty()) {
     std::fprintf(stderr,
-                 "usage: bench_transfer [--program PATH] [--runs N] [--only TEXT] [--tls CERT KEY] "
+                 "usage: bench_transfer [--program PATH] [--runs N] [--only TEXT] [--what NAME] "
+                 "[--tls CERT KEY] "
                  "[--held TASKS] WORKDIR\n");
     return 2;
   }
