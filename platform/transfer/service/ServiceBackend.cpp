@@ -6,6 +6,7 @@
 #include <utility>
 
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/random.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -75,7 +76,9 @@ std::optional<Message> receiveMessage(int fd) {
 ServiceBackend::ServiceBackend(const URLSessionConfiguration& configuration)
     : configuration_(completed(configuration)),
       place_(ServicePlace::fromEnvironment()),
-      front_(drawNumber()) {
+      front_(drawNumber()),
+      shift_([this] { wake(); }),
+      wakeup_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   std::vector<TransferTaskInfo> tasks;
   std::string refusal;
   bool held = false;
@@ -93,7 +96,7 @@ ServiceBackend::ServiceBackend(const URLSessionConfiguration& configuration)
   sendFd_ = fd.get();
   fd_ = std::move(fd);
   ++connections_;
-  reader_ = startThread("qn-service", [this] { readUntilClosed(); });
+  reader_ = startThread("qn-service", [this] { run(); });
 }
 
 ServiceBackend::~ServiceBackend() {
@@ -174,10 +177,29 @@ size_t ServiceBackend::start(Sink sink) {
 }
 
 TransferTaskId ServiceBackend::nextIdentifier() {
+  bool asksAhead = false;
+  TransferTaskId next = 0;
   {
     MutexLock lock(mutex_);
-    if (nextReserved_ < reservedEnd_) return nextReserved_++;
+    if (nextReserved_ == reservedEnd_ && reservedAhead_ != 0) {
+      nextReserved_ = std::exchange(reservedAhead_, 0);
+      reservedEnd_ = nextReserved_ + kReserved;
+    }
+    if (nextReserved_ < reservedEnd_) next = nextReserved_++;
+    // In time: nobody has to wait for the answer.
+    asksAhead = next != 0 && reservedEnd_ - nextReserved_ == kReserved / 2 && reservedAhead_ == 0 &&
+                reserving_ == 0;
   }
+  if (asksAhead) {
+    MutexLock sendLock(sendMutex_);
+    const uint64_t number = ++lastNumber_;
+    {
+      MutexLock lock(mutex_);
+      reserving_ = number;
+    }
+    send(number, encodeFrame(ReserveMessage{.number = number, .count = kReserved}), {});
+  }
+  if (next != 0) return next;
   const auto reserved =
       ask<ReservedMessage>(ReserveMessage{.number = 0, .count = kReserved}, kAnswerTimeoutMs);
   MutexLock lock(mutex_);
@@ -238,32 +260,73 @@ int64_t ServiceBackend::millisecondsUntil(int64_t timeMs) const {
   return std::max<int64_t>(0, timeMs - TransferClock::systemClock().nowMs());
 }
 
-void ServiceBackend::readUntilClosed() {
-  for (;;) {
-    int fd = -1;
+// --- Reading ------------------------------------------------------------------------------------
+
+void ServiceBackend::run() {
+  while (shift_.hostWaits()) {
     {
-      MutexLock lock(mutex_);
-      if (closed_) return;
-      fd = fd_.get();
+      MutexLock turn(turn_);
+      while (connected_.load() && !shift_.guestIsHere())
+        static_cast<void>(readRound(false));
     }
-    if (fd >= 0) readFrames(fd);
-    if (!reconnect()) return;
+    if (!connected_.load() && !reconnect()) return;
   }
 }
 
-void ServiceBackend::readFrames(int fd) {
-  FrameReader frames;
-  while (frames.fill(fd, 64 << 10)) {
-    while (auto body = frames.next()) {
-      auto message = decodeMessage(*body);
-      if (!message) return;
-      take(std::move(*message));
-    }
-    if (frames.failed()) return;
+bool ServiceBackend::work() {
+  if (!connected_.load() || !shift_.guestComes()) return false;
+  {
+    MutexLock turn(turn_);
+    bool told = false;
+    while (!told && connected_.load() && !workEnds_.load())
+      told = readRound(true);
+    workEnds_.store(false);
   }
+  shift_.guestLeaves();
+  return true;
 }
 
-void ServiceBackend::take(Message&& message) {
+void ServiceBackend::endWork() {
+  workEnds_.store(true);
+  if (waits_.load()) wake();
+}
+
+void ServiceBackend::wake() const {
+  const uint64_t one = 1;
+  [[maybe_unused]] const ssize_t written = ::write(wakeup_.get(), &one, sizeof one);
+}
+
+bool ServiceBackend::readRound(bool isGuest) {
+  int fd = -1;
+  {
+    MutexLock lock(mutex_);
+    fd = fd_.get();
+  }
+  pollfd waiting[] = {{fd, POLLIN, 0}, {wakeup_.get(), POLLIN, 0}};
+  // Whoever ends the work looks whether there is a wait after having said so: one of the two sees
+  // it.
+  waits_.store(true);
+  const bool ends = isGuest ? workEnds_.load() : shift_.guestIsHere();
+  const int ready = ends ? 0 : ::poll(waiting, 2, -1);
+  waits_.store(false);
+  if (ready <= 0) return false;
+  if (waiting[1].revents != 0) {
+    uint64_t count = 0;
+    [[maybe_unused]] const ssize_t got = ::read(wakeup_.get(), &count, sizeof count);
+  }
+  if (waiting[0].revents == 0) return false;
+  bool told = false;
+  bool sane = frames_.fill(fd, 64 << 10);
+  while (auto body = sane ? frames_.next() : std::nullopt) {
+    auto message = decodeMessage(*body);
+    sane = message.has_value();
+    if (message && take(std::move(*message))) told = true;
+  }
+  if (!sane || frames_.failed()) connected_.store(false);
+  return told;
+}
+
+bool ServiceBackend::take(Message&& message) {
   if (auto* events = std::get_if<EventsMessage>(&message))
     return takeEvents(std::move(events->events));
   const uint64_t number = std::visit(
@@ -278,11 +341,18 @@ void ServiceBackend::take(Message&& message) {
   while (!unanswered_.empty() && unanswered_.front().number <= number)
     unanswered_.pop_front();
   lastDone_ = std::max(lastDone_, number);
+  if (const auto* reserved = std::get_if<ReservedMessage>(&message);
+      reserved && number == reserving_) {
+    reserving_ = 0;
+    reservedAhead_ = reserved->first;
+    return false;
+  }
   if (!done && asked_.contains(number)) answers_.insert_or_assign(number, std::move(message));
   changed_.notify_all();
+  return false;
 }
 
-void ServiceBackend::takeEvents(std::vector<TransferEvent>&& events) {
+bool ServiceBackend::takeEvents(std::vector<TransferEvent>&& events) {
   Sink sink;
   {
     MutexLock lock(mutex_);
@@ -296,7 +366,9 @@ void ServiceBackend::takeEvents(std::vector<TransferEvent>&& events) {
       return false;
     });
   }
-  if (sink && !events.empty()) sink(std::move(events));
+  if (!sink || events.empty()) return false;
+  sink(std::move(events));
+  return true;
 }
 
 // Of a task that was acknowledged while the service was away, or an ending that was told before it.
@@ -336,6 +408,8 @@ bool ServiceBackend::reconnect() {
 void ServiceBackend::resume(FileDescriptor fd, const std::vector<TransferTaskInfo>& tasks) {
   std::vector<TransferEvent> lost;
   Sink sink;
+  MutexLock turn(turn_);
+  frames_ = {};
   {
     MutexLock sendLock(sendMutex_);
     std::deque<Numbered> again;
@@ -355,6 +429,7 @@ void ServiceBackend::resume(FileDescriptor fd, const std::vector<TransferTaskInf
     // Only now: nothing is transferred or told before what was repeated has taken effect.
     if (started) _send(encodeFrame(StartMessage{.number = 0}));
   }
+  connected_.store(true);
   if (sink && !lost.empty()) sink(std::move(lost));
 }
 
@@ -401,6 +476,8 @@ void ServiceBackend::close() {
     if (fd_) ::shutdown(fd_.get(), SHUT_RDWR);
     changed_.notify_all();
   }
+  shift_.close();
+  wake();
   if (reader_.joinable()) reader_.join();
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -14,7 +15,9 @@
 #include "platform/FileDescriptor.h"
 #include "platform/Mutex.h"
 #include "platform/URLSession.h"
+#include "platform/transfer/LoopShift.h"
 #include "platform/transfer/TransferBackend.h"
+#include "platform/transfer/service/FrameReader.h"
 #include "platform/transfer/service/ServiceLauncher.h"
 #include "platform/transfer/service/ServiceMessages.h"
 
@@ -23,7 +26,8 @@ namespace platform::service {
 // A session's backend in the service process. A call returns once its message is in the socket,
 // which outlives a kill of this process; messages are kept until the service has answered that they
 // are durable, and repeated to the next service when this one dies. An ending that was told already
-// is not told twice. One thread reads.
+// is not told twice. What the service says is read by a thread of its own or by the one that the
+// front lends.
 class ServiceBackend final : public TransferBackend {
  public:
   // Connects, starts the service when there is none, and opens the session. Throws
@@ -36,6 +40,8 @@ class ServiceBackend final : public TransferBackend {
   size_t start(Sink sink) override;
   TransferTaskId nextIdentifier() override;
   void submit(const TransferBatch& batch, Durability durability) override;
+  bool work() override;
+  void endWork() override;
   int64_t millisecondsUntil(int64_t timeMs) const override;
   // Says goodbye: what transfers goes on in the service, and nobody starts this program for it.
   void close() override;
@@ -51,11 +57,13 @@ class ServiceBackend final : public TransferBackend {
                                 std::string& refusal, bool& held);
   FileDescriptor connectAndOpenOnce(bool again, std::vector<TransferTaskInfo>& tasks,
                                     std::string& refusal, bool& held);
-  void readUntilClosed();
-  // Reads frames of `fd` until it ends.
-  void readFrames(int fd);
-  void take(Message&& message);
-  void takeEvents(std::vector<TransferEvent>&& events);
+  void run();
+  // Waits for something to read, endWork() if this is the guest, or the guest if it is not. True
+  // when something was told.
+  [[nodiscard]] bool readRound(bool isGuest) REQUIRES(turn_);
+  [[nodiscard]] bool take(Message&& message);
+  [[nodiscard]] bool takeEvents(std::vector<TransferEvent>&& events);
+  void wake() const;
   bool reconnect();
   void resume(FileDescriptor fd, const std::vector<TransferTaskInfo>& tasks);
   std::vector<TransferEvent> _lostTasks(const std::vector<TransferTaskInfo>& tasks)
@@ -72,6 +80,14 @@ class ServiceBackend final : public TransferBackend {
   const ServicePlace place_;
   const uint64_t front_;  // tells this client's messages from those of others
   std::thread reader_;
+
+  Mutex turn_;  // held while a thread reads; taken before the others
+  FrameReader frames_ GUARDED_BY(turn_);
+  LoopShift shift_;
+  FileDescriptor wakeup_;
+  std::atomic<bool> connected_{true};  // what is read has not ended
+  std::atomic<bool> waits_{false};     // the reader
+  std::atomic<bool> workEnds_{false};
 
   // Taken before mutex_: keeps messages in the order of their numbers.
   Mutex sendMutex_;
@@ -94,8 +110,11 @@ class ServiceBackend final : public TransferBackend {
       GUARDED_BY(mutex_);  // of those, handed to the sink
   bool _isOld(const TransferEvent& event) const REQUIRES(mutex_);
   uint64_t connections_ GUARDED_BY(mutex_) = 0;
+  // Task numbers: those in use, and those that were asked for in time (`reserving_`, 0: none were).
   TransferTaskId nextReserved_ GUARDED_BY(mutex_) = 0;
   TransferTaskId reservedEnd_ GUARDED_BY(mutex_) = 0;
+  TransferTaskId reservedAhead_ GUARDED_BY(mutex_) = 0;
+  uint64_t reserving_ GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace platform::service
