@@ -41,7 +41,14 @@ void ServiceConnection::flush() {
       events_.clear();
     }
     if (sending_.empty()) {
-      sending_.swap(answers_.empty() ? events_ : answers_);
+      // Together: the client wakes up once.
+      sending_.swap(answers_);
+      if (sending_.empty()) {
+        sending_.swap(events_);
+      } else {
+        sending_ += events_;
+        events_.clear();
+      }
       sent_ = 0;
       if (sending_.empty()) return;
     }
