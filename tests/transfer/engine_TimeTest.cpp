@@ -91,6 +91,7 @@ class TimeTest : public testing::Test {
   }
   std::string contentOf(const Task& task) { return task->originalRequest()->url()->path(); }
   void expectWhole(const Task& task, uint64_t size) {
+    EXPECT_TRUE(recorder_->waitFor(task, "done"));  // a task has ended before its last calls have
     EXPECT_EQ("", qntest::compareWithContent(recorder_->fileOf(*task), contentOf(task), 0, size));
   }
   static bool hasResumeData(const Task& task) {
