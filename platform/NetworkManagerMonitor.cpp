@@ -242,6 +242,8 @@ class NetworkManagerMonitor::Core : public std::enable_shared_from_this<Core> {
   Watcher addWatcher(std::function<void()> changed) {
     auto shared = std::make_shared<const std::function<void()>>(std::move(changed));
     MutexLock lock(mutex_);
+    // Without a bus the thread has ended: the next status() starts another.
+    if (started_ && !running_) started_ = answered_ = gaveUp_ = false;
     const Watcher watcher = ++lastWatcher_;
     watchers_.emplace(watcher, std::move(shared));
     return watcher;

@@ -10,7 +10,8 @@ namespace platform {
 
 // The default network as NetworkManager sees it, over the system bus. Without a bus, without
 // NetworkManager or with values that it does not know: reachable and not metered. A NetworkManager
-// that comes, goes or comes back is followed; a bus that goes is not looked for again.
+// that comes, goes or comes back is followed; a bus that was not there or went is looked for again
+// when the next watcher comes, that is when a session is opened.
 //
 // Not reachable is: asleep, disconnected, connecting, or behind a portal that answers in the place
 // of the server. Metered is what NetworkManager knows or guesses to be metered.

@@ -154,6 +154,26 @@ TEST(NetworkManagerAbsent, WithoutABusEverythingIsReachable) {
   NetworkManagerMonitor unused;  // never started: nothing to end
 }
 
+TEST(NetworkManagerAbsent, ABusThatComesLaterIsFoundByTheNextWatcher) {
+  NetworkManagerMonitor monitor;
+  {
+    const TempDirectory directory;
+    const ScopedEnvironment none("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + directory.path("none"));
+    EXPECT_EQ(render(monitor.status()), "reachable");
+  }
+  FakeNetworkManager network;
+  network.appear(NMStateConnectedGlobal, NMConnectivityFull, NMMeteredYes);
+  const ScopedEnvironment address("DBUS_SYSTEM_BUS_ADDRESS", network.address());
+  // The thread that found no bus may still be on its way out.
+  const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+  std::string seen;
+  while (seen != "reachable metered" && std::chrono::steady_clock::now() < deadline) {
+    const Changes changes(monitor);
+    seen = render(monitor.status());
+  }
+  EXPECT_EQ(seen, "reachable metered");
+}
+
 TEST(NetworkMonitorDefault, TestsPutTheirOwnInPlace) {
   class Metered : public NetworkMonitor {
    public:
