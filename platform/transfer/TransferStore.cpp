@@ -14,6 +14,7 @@
 #include "platform/FileManager.h"
 #include "platform/Log.h"
 #include "platform/transfer/StoreLock.h"
+#include "platform/transfer/StoreReserve.h"
 #include "platform/transfer/TransferStoreRows.h"
 #include "platform/transfer/TransferStoreSchema.h"
 
@@ -85,6 +86,7 @@ TransferStore::TransferStore(const std::string& directory, const std::string& pa
     throw;
   }
   files_ = std::make_unique<PartialFiles>(partialDirectory);
+  reserve_ = std::make_unique<StoreReserve>(path_ + "-wal");
 }
 
 TransferStore::~TransferStore() {
@@ -238,7 +240,10 @@ ErrorPtr TransferStore::apply(const std::vector<TransferChange>& changes,
     TransferRowWriter(statements_[Rollback]).step();
     return error;
   }
-  if (TransferRowWriter(statements_[Commit]).step()) return nullptr;
+  if (TransferRowWriter(statements_[Commit]).step()) {
+    reserve_->renew();
+    return nullptr;
+  }
   auto error = changeError();
   if (!sqlite3_get_autocommit(database_)) TransferRowWriter(statements_[Rollback]).step();
   return error;

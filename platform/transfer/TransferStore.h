@@ -17,6 +17,7 @@ struct sqlite3_stmt;
 namespace platform {
 
 class StoreLock;
+class StoreReserve;
 
 // The bytes that were received and what is known about them.
 struct TransferContent {
@@ -150,6 +151,7 @@ class TransferStore {
   const std::string path_;
   std::unique_ptr<StoreLock> lock_;
   std::unique_ptr<PartialFiles> files_;
+  std::unique_ptr<StoreReserve> reserve_;
   sqlite3* database_ = nullptr;
   std::vector<sqlite3_stmt*> statements_;
   bool lost_ = false;

@@ -3,9 +3,11 @@
 #include <filesystem>
 #include <string>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "platform/FileDescriptor.h"
 #include "tests/support/SessionRecorder.h"
 #include "tests/support/TestContent.h"
 #include "tests/support/UserNamespace.h"
@@ -74,6 +76,26 @@ TEST_F(FullDisk, IsWaitedForAndWhatIsThereStays) {
   }
   for (const std::string& line : run.log())
     EXPECT_NE(line.rfind("failed", 0), 0U) << line;
+}
+
+// The store may have had no room for what was delivered last.
+TEST_F(FullDisk, FetchesNothingAgainAfterAKill) {
+  namespace fs = std::filesystem;
+  run.extraArguments = {"diskFullBound=60"};
+  run.start();
+  ASSERT_TRUE(run.waitForLine("disk full", kEventDeadlineSeconds));
+  // The disk goes with the process, but not while this is open.
+  const std::string path = run.directory() + "/disk";
+  const platform::FileDescriptor disk(::open(inside(path).c_str(), O_PATH | O_CLOEXEC));
+  ASSERT_TRUE(disk);
+  EXPECT_FALSE(run.child().wait(0.5)) << "it ended";  // what can be stored is
+  run.child().kill();
+  fs::copy("/proc/self/fd/" + std::to_string(disk.get()) + "/.", path, fs::copy_options::recursive);
+  fs::remove(path + "/ballast");
+  run.killAndCheck();
+  run.commandPrefix.clear();
+  run.start();
+  run.finishAndCompare();
 }
 
 TEST_F(FullDisk, BecomesAnErrorAfterTheBound) {
