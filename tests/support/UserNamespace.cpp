@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -50,6 +51,11 @@ int runBody(const std::function<void()>& body) {
     return kFailed;
   }
   return testing::Test::HasFailure() ? kFailed : kPassed;
+}
+
+// The calls of the C library change all threads.
+void setEffectiveUser(unsigned user) {
+  if (syscall(SYS_setresuid, -1, user, -1) != 0) throw std::runtime_error("setresuid");
 }
 
 }  // namespace
@@ -91,6 +97,18 @@ std::vector<std::string> commandOnTmpfs(const std::string& path, int64_t bytes, 
     return line;
   }
   return {};
+}
+
+bool AnotherUser::isAllowed() {
+  return getuid() == 0;
+}
+
+AnotherUser::AnotherUser() {
+  setEffectiveUser(kNobody);
+}
+
+AnotherUser::~AnotherUser() {
+  setEffectiveUser(getuid());
 }
 
 }  // namespace qntest

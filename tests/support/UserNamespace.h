@@ -22,4 +22,16 @@ void mountTmpfs(const std::string& path, int64_t bytes);
 // Others see it below /proc/PID/root. Empty when this system allows no such namespace.
 std::vector<std::string> commandOnTmpfs(const std::string& path, int64_t bytes, int64_t taken);
 
+// This thread acts as a user of no rights until the end of the scope: the files that it opens, the
+// connections that it makes and the sockets that it listens on are that user's. Only root can.
+class AnotherUser {
+ public:
+  static constexpr unsigned kNobody = 65534;
+  static bool isAllowed();
+  AnotherUser();
+  ~AnotherUser();
+  AnotherUser(const AnotherUser&) = delete;
+  AnotherUser& operator=(const AnotherUser&) = delete;
+};
+
 }  // namespace qntest

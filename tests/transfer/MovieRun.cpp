@@ -145,8 +145,10 @@ std::map<std::string, MovieRun::Asked> MovieRun::_askedSinceLaunch() {
   for (size_t i = requestsSeen_; i < requests.size(); ++i) {
     const FaultRequest& request = requests[i];
     EXPECT_NE(request.status, 403) << "asked without its header: " << request.path;
-    if (request.status == 200 || request.status == 206)
-      asked.emplace(request.path, Asked{request.bodyStart, request.atSeconds});
+    if (request.status != 200 && request.status != 206) continue;
+    Asked& entry = asked.try_emplace(request.path, Asked{request.bodyStart, 0, 0}).first->second;
+    entry.lastFrom = request.bodyStart;
+    entry.lastAtSeconds = request.atSeconds;
   }
   return asked;
 }
@@ -193,10 +195,10 @@ void MovieRun::_takePartialFiles(const std::map<std::string, Asked>& asked, doub
     const auto request = asked.find(path->second);
     if (request == asked.end()) {
       partial.safe = before != partials_.end() ? before->second.safe : 0;
-    } else if ((partial.ageSeconds = killedAt - request->second.atSeconds) > kLongSeconds) {
+    } else if ((partial.ageSeconds = killedAt - request->second.lastAtSeconds) > kLongSeconds) {
       partial.safe = partial.size;
     } else {
-      partial.safe = request->second.from;
+      partial.safe = request->second.lastFrom;
     }
     EXPECT_GE(partial.size, partial.safe) << "bytes are gone from " << file;
     partial.whole = partial.size == sizes.at(path->second);
@@ -221,6 +223,10 @@ void MovieRun::killAndCheck() {
 void MovieRun::finishAndCompare(double seconds) {
   ASSERT_TRUE(child_->wait(seconds)) << "the movie was not finished in time";
   EXPECT_EQ(child_->result(), 0);
+  compare();
+}
+
+void MovieRun::compare() {
   _checkAsked(_askedSinceLaunch());
   _readLog();
   partials_.clear();

@@ -18,8 +18,10 @@ namespace qntest {
 class MovieRun {
  public:
   explicit MovieRun(const MoviePlan& plan);
+  virtual ~MovieRun() = default;
 
   MoviePlan& plan() { return plan_; }
+  const MoviePlan& plan() const { return plan_; }
   FaultServer& server() { return server_; }
   // Further "key=value" arguments of the child, and what stands before its command line.
   std::vector<std::string> extraArguments, commandPrefix;
@@ -42,7 +44,7 @@ class MovieRun {
   // fetched again and no byte of a partial file.
   void killAndCheck();
   // Waits for a good end and compares every file.
-  void finishAndCompare(double seconds = 60);
+  virtual void finishAndCompare(double seconds = 60);
   // The same identifier and store, another movie, an empty download root.
   void nextMovie();
 
@@ -64,12 +66,16 @@ class MovieRun {
   };
   const Figures& figures() const { return figures_; }
 
+ protected:
+  void compare();
+
  private:
   struct Asked {
-    uint64_t from = 0;
-    double atSeconds = 0;
+    uint64_t from = 0;  // by the first request
+    uint64_t lastFrom = 0;
+    double lastAtSeconds = 0;
   };
-  // First request of each path in this launch.
+  // By path, since the launch.
   std::map<std::string, Asked> _askedSinceLaunch();
   void _checkAsked(const std::map<std::string, Asked>& asked);
   void _readLog();

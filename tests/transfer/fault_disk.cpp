@@ -57,7 +57,8 @@ class FullDisk : public testing::Test {
 TEST_F(FullDisk, IsWaitedForAndWhatIsThereStays) {
   run.extraArguments = {"diskFullBound=60", "linger=1"};
   run.start();
-  ASSERT_TRUE(run.waitForLine("disk full", kEventDeadlineSeconds)) << "the reason was not told";
+  ASSERT_TRUE(run.waitForLine("waits disk full", kEventDeadlineSeconds))
+      << "the reason was not told";
   const uint64_t stored = bytesBelow(inside(run.root()));
   const uint64_t partial = bytesBelow(inside(run.partial())) + bytesBelow(inside(run.state()));
   EXPECT_GT(stored + partial, 2000000U) << "there was room for more than that";

@@ -1,11 +1,11 @@
-// A movie whose downloader is killed again and again.
+// A movie whose downloader is killed again and again, alone or with its service.
 
 #include <iostream>
 
 #include <gtest/gtest.h>
 
 #include "tests/support/RandomKills.h"
-#include "tests/transfer/MovieRun.h"
+#include "tests/transfer/ServiceRun.h"
 
 namespace qntest {
 namespace {
@@ -13,15 +13,17 @@ namespace {
 constexpr unsigned kKills = 25;
 constexpr double kLaunchSeconds = 30;
 
+// So that transfers are under way when the kill comes, some of them for a long time.
+Fault pace(const FaultRequest& request) {
+  Fault paced;
+  paced.bytesPerSecond = request.path.back() == '7' ? 1e5 : 2e6;
+  return paced;
+}
+
 TEST(KillLoop, MovieSurvivesKillsAtRandomInstants) {
   RandomKills random(kKills);
   MovieRun run({});
-  // So that transfers are under way when the kill comes, some of them for a long time.
-  run.server().setChooser([](const FaultRequest& request) {
-    Fault paced;
-    paced.bytesPerSecond = request.path.back() == '7' ? 1e5 : 2e6;
-    return paced;
-  });
+  run.server().setChooser(pace);
   for (unsigned kill = 0; kill < random.count() && !testing::Test::HasFailure();) {
     run.start();
     if (kill % 5 == 4) {
@@ -45,6 +47,47 @@ TEST(KillLoop, MovieSurvivesKillsAtRandomInstants) {
   // Bytes under way and what lies in the buffers of the connections; far from what was there.
   const auto& figures = run.figures();
   EXPECT_LT(figures.sentAgain, static_cast<uint64_t>(figures.kills) * 12 * 200000);
+}
+
+// One movie in two loses only its application: nothing of that is to be seen on the server.
+TEST(KillLoop, MovieSurvivesKillsOfApplicationServiceAndBoth) {
+  constexpr size_t kNearTheEnd = 40;  // segments
+  RandomKills random(kKills);
+  ServiceRun run({});
+  run.server().setChooser(pace);
+  run.start();
+  unsigned kill = 0;
+  size_t startedByHand = 1;
+  for (int movie = 0; kill < random.count() && !testing::Test::HasFailure(); ++movie) {
+    const bool applicationOnly = movie % 2 == 0;
+    const uint64_t sentAgain = run.figures().sentAgain;
+    for (unsigned turn = 0; turn < (applicationOnly ? 8 : 17) && kill < random.count(); ++turn) {
+      SCOPED_TRACE("movie " + std::to_string(movie) + ", kill " + std::to_string(kill));
+      EXPECT_TRUE(run.waitForApplication(turn % 5 != 4));
+      if (testing::Test::HasFailure()) break;
+      random.sleepBelow(turn % 5 == 2 ? 700 : 100);
+      if (run.stored() + kNearTheEnd > 300) break;
+      const auto victim =
+          applicationOnly ? Victim::Application : static_cast<Victim>(random.below(3));
+      ++kill;
+      if (!run.kill(victim)) continue;
+      run.start();
+      ++startedByHand;
+    }
+    run.finishAndCompare();
+    if (applicationOnly) {
+      EXPECT_EQ(run.figures().sentAgain, sentAgain);
+    }
+    if (kill == random.count()) break;
+    run.nextMovie();
+    run.start();
+    ++startedByHand;
+  }
+  if (testing::Test::HasFailure()) std::cout << run.logText();
+  std::cout << run.kills[Victim::Application] << " kills of the application, "
+            << run.kills[Victim::Service] << " of the service, " << run.kills[Victim::Both]
+            << " of both; " << run.launches() << " launches, " << startedByHand << " by hand; "
+            << run.figures().text() << std::endl;
 }
 
 // What an application does that never closes anything.

@@ -15,12 +15,14 @@
 #include "tests/support/Processes.h"
 #include "tests/support/TempDirectory.h"
 #include "tests/support/TestContent.h"
+#include "tests/support/UserNamespace.h"
 #include "tests/transfer/engine_Recorder.h"
 
 namespace {
 
 using namespace platform;
 using namespace platform::service;
+using qntest::AnotherUser;
 using qntest::Fault;
 using qntest::FaultServer;
 using qntest::Recorder;
@@ -310,13 +312,72 @@ TEST_F(ServiceTest, OneApplicationAtATimeHoldsASession) {
       << reason;
 }
 
-TEST_F(ServiceTest, ASocketDirectoryThatOthersMayEnterIsNotTrusted) {
+TEST_F(ServiceTest, ASocketDirectoryThatIsNotOursAloneIsNotTrusted) {
   const std::string directory = directory_.path("run/QNMovieDownloader");
   ::mkdir(directory_.path("run").c_str(), 0700);
+  const auto expectRefused = [&](const std::string& why) {
+    EXPECT_NE(std::string::npos, refusal().find(why)) << why;
+    EXPECT_EQ(0, service());
+  };
+  ::symlink(directory_.path().c_str(), directory.c_str());
+  expectRefused("is no directory");
+  ::unlink(directory.c_str());
   ::mkdir(directory.c_str(), 0700);
-  ::chmod(directory.c_str(), 0755);
-  EXPECT_NE(std::string::npos, refusal().find("is open to other users"));
-  EXPECT_EQ(0, service());
+  for (const mode_t mode : {0755, 0710, 0701}) {
+    ::chmod(directory.c_str(), mode);
+    expectRefused("is open to other users");
+  }
+  ::chmod(directory.c_str(), 0700);
+  if (AnotherUser::isAllowed()) {
+    ASSERT_EQ(0, ::chown(directory.c_str(), AnotherUser::kNobody, 0));
+    expectRefused("belongs to another user");
+    ASSERT_EQ(0, ::chown(directory.c_str(), 0, 0));
+  }
+  EXPECT_EQ("opened", refusal());
+}
+
+TEST_F(ServiceTest, AnotherUserIsNotServedAndDoesNotServe) {
+  server_.serve("/a", 1'000);
+  open();
+  tasks();
+  const std::string socket = socketPath();
+  const std::string directory = socket.substr(0, socket.rfind('/'));
+  struct stat status = {};
+  ASSERT_EQ(0, ::stat(directory.c_str(), &status));
+  EXPECT_EQ(0700u, status.st_mode & 0777);
+  ASSERT_EQ(0, ::stat(socket.c_str(), &status));
+  EXPECT_EQ(0600u, status.st_mode & 0777);
+  if (!AnotherUser::isAllowed()) return;  // the modes are what can be seen
+
+  int error = 0;
+  const auto connectAsAnother = [&] {
+    const AnotherUser nobody;
+    return connectTo(socket, &error);
+  };
+  EXPECT_FALSE(connectAsAnother());
+  EXPECT_EQ(EACCES, error);
+  // Were the modes wrong, the service would look at who comes.
+  for (const std::string& path : {directory_.path(), directory_.path("run"), directory})
+    ::chmod(path.c_str(), 0777);
+  ::chmod(socket.c_str(), 0666);
+  const FileDescriptor stranger = connectAsAnother();
+  ASSERT_TRUE(stranger);
+  char end = 0;
+  EXPECT_LE(::recv(stranger.get(), &end, 1, 0), 0) << "it was not turned away";
+  EXPECT_TRUE(recorder_->waitFor(begin("/a"), "done"));
+
+  session_.reset();
+  killService();
+  ::unlink(socket.c_str());
+  ::unlink((socket + ".lock").c_str());
+  FileDescriptor listener;
+  {
+    const AnotherUser nobody;
+    listener = listenAt(socket, &error);
+  }
+  ASSERT_TRUE(listener) << error;
+  ::chmod(directory.c_str(), 0700);
+  EXPECT_NE(std::string::npos, refusal().find("is served by another user"));
 }
 
 // A service of another version, as far as its hello goes. Leaves when it is asked to.

@@ -44,6 +44,7 @@ void MovieApplication::write(const std::string& line) {
 
 void MovieApplication::launch(const platform::URLSessionConfiguration& configuration) {
   session_ = platform::URLSession::sessionWithConfiguration(configuration, weak_from_this());
+  write("open " + std::to_string(::getpid()));
   session_->getTasksWithCompletionHandler([this](const platform::URLSession::Tasks& tasks) {
     const std::lock_guard lock(mutex_);
     for (const auto& task : tasks)
@@ -125,15 +126,17 @@ bool MovieApplication::_done() const {
 }
 
 void MovieApplication::_tellWaits() {
+  std::string waits = "none";
   for (const auto& segments : qualities_) {
     for (const Segment& segment : segments) {
-      if (!segment.task) continue;
-      const auto reason = segment.task->waitReason();
-      const bool diskFull = reason.wait == platform::URLSessionTaskWait::DiskFull;
-      if (diskFull && !toldDiskFull_) write("disk full " + reason.detail);
-      toldDiskFull_ = toldDiskFull_ || diskFull;
+      const auto reason =
+          segment.task ? segment.task->waitReason() : platform::URLSessionTaskWaitReason{};
+      if (reason.wait == platform::URLSessionTaskWait::DiskFull)
+        waits = "disk full " + reason.detail;
+      if (reason.wait == platform::URLSessionTaskWait::Metered) waits = "metered";
     }
   }
+  if (waits != std::exchange(toldWait_, waits)) write("waits " + waits);
 }
 
 void MovieApplication::URLSessionDownloadTaskDidWriteData(const SessionPtr&, const TaskPtr&,
@@ -152,7 +155,8 @@ void MovieApplication::URLSessionDownloadTaskDidFinishDownloadingToURL(
     changed_.notify_all();
     return;
   }
-  write("whole " + name);
+  const std::string id = " " + std::to_string(task->taskIdentifier());
+  write("whole " + name + id);
   std::error_code error;
   std::filesystem::rename(location->filePath().value_or(""), root_ + "/" + name, error);
   if (error) write("failed " + name + " " + error.message());
@@ -160,7 +164,7 @@ void MovieApplication::URLSessionDownloadTaskDidFinishDownloadingToURL(
   failed_ = failed_ || error;
   segment->task = nullptr;
   task->setTaskDescription(std::nullopt);
-  write("stored " + name);
+  write("stored " + name + id);
   _startMore();
   changed_.notify_all();
 }
@@ -169,6 +173,7 @@ void MovieApplication::URLSessionTaskDidCompleteWithError(const SessionPtr& sess
                                                           const TaskPtr& task,
                                                           const platform::ErrorPtr& error) {
   const auto name = task->taskDescription();
+  write("completed " + std::to_string(task->taskIdentifier()));
   if (!error || error->code() == platform::URLErrorCancelled || !name) return;
   const std::lock_guard lock(mutex_);
   Segment* segment = _find(*name);

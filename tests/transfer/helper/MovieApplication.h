@@ -16,8 +16,10 @@ namespace qntest {
 // order, so many at a time for each; what a segment is stands in its task's description; a finished
 // file is moved into place and the next task made inside the call. It appends what it saw to a log,
 // a line each:
-//   launch | attached Q/I | undescribed ID | doubled Q/I | new Q/I ID | whole Q/I | stored Q/I |
-//   failed Q/I TEXT | disk full TEXT | done
+//   open PID | attached Q/I | undescribed ID | doubled Q/I | launch | new Q/I ID | whole Q/I ID |
+//   stored Q/I ID | completed ID | failed Q/I TEXT | waits NAME TEXT | done
+// A wait is told when it is another than the last one that was told; "waits none" when no task
+// waits any more.
 class MovieApplication final : public platform::URLSessionDelegate,
                                public std::enable_shared_from_this<MovieApplication> {
  public:
@@ -64,7 +66,7 @@ class MovieApplication final : public platform::URLSessionDelegate,
   // Guarded by the mutex.
   std::vector<std::vector<Segment>> qualities_;
   bool failed_ = false;
-  bool toldDiskFull_ = false;
+  std::string toldWait_ = "none";
   std::condition_variable changed_;
 };
 

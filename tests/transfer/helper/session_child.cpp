@@ -1,6 +1,7 @@
 // A process of an application that the tests of transfers kill, starve or keep waiting.
 //   session_child MODE key=value...
-// Keys: state, partial, root, log, retryBound, diskFullBound, caFile, linger (stays at the end) and
+// Keys: state, partial, root, log, retryBound, diskFullBound, caFile, linger (stays at the end),
+// service (transfers there, which starts the same command again), noCellular, discretionary and
 // those of MoviePlan. Modes: movie    downloads the plan and leaves with 0
 //        leave    leaves main in the middle of the movie, with the session open
 //        hold     opens the session and waits to be killed
@@ -9,6 +10,7 @@
 #include <cstdio>
 #include <map>
 #include <string>
+#include <vector>
 
 #include <unistd.h>
 
@@ -19,7 +21,8 @@ namespace {
 
 using Values = std::map<std::string, std::string>;
 
-platform::URLSessionConfiguration configurationFrom(Values& values) {
+platform::URLSessionConfiguration configurationFrom(Values& values,
+                                                    const std::vector<std::string>& command) {
   auto configuration =
       platform::URLSessionConfiguration::backgroundSessionConfigurationWithIdentifier(
           values["identifier"]);
@@ -31,6 +34,11 @@ platform::URLSessionConfiguration configurationFrom(Values& values) {
     configuration.retryBoundSeconds = std::stod(values["retryBound"]);
   if (values.count("diskFullBound") != 0)
     configuration.diskFullBoundSeconds = std::stod(values["diskFullBound"]);
+  configuration.allowsCellularAccess = values.count("noCellular") == 0;
+  configuration.discretionary = values.count("discretionary") != 0;
+  configuration.useService = values.count("service") != 0;
+  if (configuration.useService)
+    configuration.launchCommand = platform::LaunchCommand{command, {}, {}};
   return configuration;
 }
 
@@ -49,7 +57,7 @@ int main(int argc, char** argv) {
   try {
     const auto application = std::make_shared<qntest::MovieApplication>(
         qntest::MoviePlan::fromArguments(values), values["root"], values["log"]);
-    application->launch(configurationFrom(values));
+    application->launch(configurationFrom(values, {argv, argv + argc}));
     if (mode == "hold") pause();
     if (mode == "leave") {
       [[maybe_unused]] static auto* const open = new auto(application);
