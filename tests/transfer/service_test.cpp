@@ -10,7 +10,6 @@
 #include "platform/transfer/service/FrameReader.h"
 #include "platform/transfer/service/ServiceMessages.h"
 #include "platform/transfer/service/ServiceSocket.h"
-#include "tests/support/FakeNetworkManager.h"
 #include "tests/support/FaultServer.h"
 #include "tests/support/Processes.h"
 #include "tests/support/TempDirectory.h"
@@ -577,31 +576,6 @@ TEST_F(ServiceTest, AClientThatNeverReadsHoldsNobodyUp) {
   }
   EXPECT_EQ(kTasks, ends);
 }
-
-#if QN_TEST_SYSTEMD
-TEST_F(ServiceTest, TransfersWaitWhileTheNetworkIsMeteredAndGoOnByThemselves) {
-  qntest::FakeNetworkManager network;
-  network.appear(qntest::NMStateConnectedGlobal, qntest::NMConnectivityFull, qntest::NMMeteredNo);
-  const ScopedEnvironment address("DBUS_SYSTEM_BUS_ADDRESS", network.address());
-  server_.serve("/a", 400'000);
-  server_.script("/a", {Fault::hold(200'000)});
-  auto noCellular = configuration();
-  noCellular.allowsCellularAccess = false;
-  session_ = URLSession::sessionWithConfiguration(noCellular, recorder_);
-  tasks();
-  const auto task = begin("/a");
-  ASSERT_TRUE(recorder_->waitUntil([&] { return task->countOfBytesReceived() == 200'000; }));
-  network.setMetered(qntest::NMMeteredYes);
-  ASSERT_TRUE(
-      recorder_->waitUntil([&] { return task->waitReason().wait == URLSessionTaskWait::Metered; }));
-  EXPECT_EQ(URLSessionTaskState::Running, task->state());
-  EXPECT_EQ(1u, server_.requestCount("/a"));
-  network.setMetered(qntest::NMMeteredNo);
-  ASSERT_TRUE(recorder_->waitFor(task, "done"));
-  expectWhole(*task, "/a", 400'000);
-  EXPECT_EQ(0u, server_.bytesSentAgain("/a"));
-}
-#endif
 
 TEST_F(ServiceTest, LeavesWhenNothingIsLeftToDo) {
   const ScopedEnvironment idle("QN_TRANSFERD_IDLE_MS", "50");
