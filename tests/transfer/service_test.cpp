@@ -379,10 +379,10 @@ TEST_F(ServiceTest, AnotherUserIsNotServedAndDoesNotServe) {
   EXPECT_NE(std::string::npos, refusal().find("is served by another user"));
 }
 
-// A service of another version, as far as its hello goes. Leaves when it is asked to.
+// A service, as far as its hello goes. Leaves when it is asked to, or after so many hellos.
 class OtherVersion {
  public:
-  explicit OtherVersion(uint32_t version) : version_(version) {
+  explicit OtherVersion(uint32_t version, int hellos = 1'000) : version_(version), hellos_(hellos) {
     EXPECT_EQ("", prepareSocketDirectory(socketPath()));
     int error = 0;
     listener_ = listenAt(socketPath(), &error);
@@ -396,7 +396,7 @@ class OtherVersion {
 
  private:
   void serve() {
-    while (!stop_ && !left_) {
+    while (!stop_ && listener_) {
       const FileDescriptor client(::accept(listener_.get(), nullptr, nullptr));
       std::string bytes(Hello::kSize, '\0');
       if (!client || !receiveAll(client.get(), bytes.data(), bytes.size(), 10'000)) {
@@ -404,7 +404,7 @@ class OtherVersion {
         continue;
       }
       left_ = Hello::decode(bytes)->kind == Hello::Kind::Quit;
-      if (left_) listener_.reset();
+      if (left_ || --hellos_ == 0) listener_.reset();
       const auto kind = left_ ? Hello::Kind::Leaving : Hello::Kind::Welcome;
       const std::string answer = Hello{kind, version_, 1}.encode();
       sendAll(client.get(), answer.data(), answer.size());
@@ -412,6 +412,7 @@ class OtherVersion {
   }
 
   const uint32_t version_;
+  int hellos_;
   FileDescriptor listener_;
   std::atomic<bool> stop_{false};
   std::atomic<bool> left_{false};
@@ -427,6 +428,11 @@ TEST_F(ServiceTest, AnOlderServiceIsMadeToLeaveAndANewerOneIsRefused) {
   const OtherVersion older(kProtocolVersion - 1);
   EXPECT_EQ("opened", refusal());
   EXPECT_TRUE(older.wasAskedToLeave());
+}
+
+TEST_F(ServiceTest, OneThatDiesBeforeItHasOpenedTheSessionIsReplaced) {
+  const OtherVersion dying(kProtocolVersion, 1);
+  EXPECT_EQ("opened", refusal());
 }
 
 TEST_F(ServiceTest, TheRealServiceCommitsAndLeavesForANewerLibrary) {

@@ -105,29 +105,33 @@ ServiceBackend::~ServiceBackend() {
 
 FileDescriptor ServiceBackend::connectAndOpen(bool again, std::vector<TransferTaskInfo>& tasks,
                                               std::string& refusal, bool& held) {
-  // Another holder may be about to go.
+  // Another holder may be about to go, and a service that died is replaced.
   const auto deadline = std::chrono::steady_clock::now() + kHeldTimeout;
   for (;;) {
     held = false;
-    FileDescriptor fd = connectAndOpenOnce(again, tasks, refusal, held);
-    if (fd || !held || std::chrono::steady_clock::now() >= deadline) return fd;
+    bool gone = false;
+    tasks.clear();
+    FileDescriptor fd = connectAndOpenOnce(again, tasks, refusal, held, gone);
+    if (fd || (!held && !gone) || std::chrono::steady_clock::now() >= deadline) return fd;
     std::this_thread::sleep_for(kHeldPause);
   }
 }
 
 FileDescriptor ServiceBackend::connectAndOpenOnce(bool again, std::vector<TransferTaskInfo>& tasks,
-                                                  std::string& refusal, bool& held) {
+                                                  std::string& refusal, bool& held, bool& gone) {
   FileDescriptor fd = connectToService(place_, refusal);
   if (!fd) return {};
   const std::string frame = encodeFrame(
       OpenMessage{.number = 0, .configuration = configuration_, .again = again, .front = front_});
   bool more = sendAll(fd.get(), frame.data(), frame.size());
-  if (!more) refusal = "The transfer service ended the connection";
+  refusal = "The transfer service ended the connection";
+  gone = true;  // unless it says something
   while (more) {
     const auto message = receiveMessage(fd.get());
+    gone = !message;
     const auto* opened = message ? std::get_if<OpenedMessage>(&*message) : nullptr;
     if (!opened || !opened->refusal.empty()) {
-      refusal = opened ? opened->refusal : "The transfer service gave no answer";
+      if (message) refusal = opened ? opened->refusal : "The transfer service gave no answer";
       held = opened && opened->held;
       return {};
     }

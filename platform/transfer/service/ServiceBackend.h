@@ -56,7 +56,7 @@ class ServiceBackend final : public TransferBackend {
   FileDescriptor connectAndOpen(bool again, std::vector<TransferTaskInfo>& tasks,
                                 std::string& refusal, bool& held);
   FileDescriptor connectAndOpenOnce(bool again, std::vector<TransferTaskInfo>& tasks,
-                                    std::string& refusal, bool& held);
+                                    std::string& refusal, bool& held, bool& gone);
   void run();
   // Waits for something to read, endWork() if this is the guest, or the guest if it is not. True
   // when something was told.
