@@ -16,7 +16,7 @@ constexpr double kLaunchSeconds = 30;
 // So that transfers are under way when the kill comes, some of them for a long time.
 Fault pace(const FaultRequest& request) {
   Fault paced;
-  paced.bytesPerSecond = request.path.back() == '7' ? 1e5 : 2e6;
+  paced.bytesPerSecond = request.path.back() == '7' ? 5e4 : 2e6;
   return paced;
 }
 
