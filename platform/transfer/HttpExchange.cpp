@@ -123,12 +123,14 @@ void HttpExchange::pause() {
   paused_ = true;
   // Before its first byte a response is paused when its body begins: libcurl may fail a transfer
   // that was paused earlier than that.
+  pausesAtBody_ = !headDone_;
   if (headDone_) curl_easy_pause(easy_, CURLPAUSE_RECV);
 }
 
 void HttpExchange::unpause() {
   if (!paused_) return;
   paused_ = false;
+  pausesAtBody_ = false;
   if (inLoop_) curl_easy_pause(easy_, CURLPAUSE_CONT);
 }
 
@@ -198,7 +200,9 @@ size_t HttpExchange::bodyCallback(char* bytes, size_t size, size_t count, void* 
     self->redirectBody_ += length;
     return self->redirectBody_ > kMaximumRedirectBody ? 0 : length;
   }
-  if (self->paused_) return CURL_WRITEFUNC_PAUSE;
+  // Only then: libcurl keeps a copy of what is refused, and what it has read already may as well go
+  // on.
+  if (std::exchange(self->pausesAtBody_, false)) return CURL_WRITEFUNC_PAUSE;
   self->stoppedByObserver_ = !self->observer_.exchangeDidReceiveBody(bytes, length);
   return self->stoppedByObserver_ ? 0 : length;
 }
@@ -216,6 +220,7 @@ void HttpExchange::done(CURL* easy, int curlCode) {
 
 void HttpExchange::finishHop(int curlCode) {
   inLoop_ = false;
+  pausesAtBody_ = paused_;
   if (stoppedByObserver_) return complete({URLErrorCancelled, false, {}});
   if (!redirectFailure_.succeeded()) return complete(redirectFailure_);
   if (!redirect_) {

@@ -81,6 +81,7 @@ class HttpExchange {
   CURL* easy_ = nullptr;
   bool inLoop_ = false;
   bool paused_ = false;
+  bool pausesAtBody_ = false;
   curl_slist* headerList_ = nullptr;
   std::array<char, 256> curlMessage_{};
 
