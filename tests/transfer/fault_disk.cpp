@@ -84,7 +84,7 @@ TEST_F(FullDisk, FetchesNothingAgainAfterAKill) {
   namespace fs = std::filesystem;
   run.extraArguments = {"diskFullBound=60"};
   run.start();
-  ASSERT_TRUE(run.waitForLine("disk full", kEventDeadlineSeconds));
+  ASSERT_TRUE(run.waitForLine("waits disk full", kEventDeadlineSeconds));
   // The disk goes with the process, but not while this is open.
   const std::string path = run.directory() + "/disk";
   const platform::FileDescriptor disk(::open(inside(path).c_str(), O_PATH | O_CLOEXEC));
