@@ -1,6 +1,5 @@
 #include "platform/transfer/PartialFiles.h"
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -109,13 +108,13 @@ void PartialFiles::remove(const PartialName& name) const {
   if (fault("remove") == 0) ::unlinkat(self_.get(), NameText(name).c_str(), 0);
 }
 
-size_t PartialFiles::removeAllBut(const std::vector<PartialName>& kept) const {
+size_t PartialFiles::removeAllBut(const std::set<PartialName>& kept) const {
   const auto entries = FileManager::defaultManager().contentsOfDirectory(directory_);
   if (!entries) return 0;
   size_t removed = 0;
   for (const auto& entry : *entries) {
     const auto name = parseName(entry.name);
-    if (name && std::find(kept.begin(), kept.end(), *name) != kept.end()) continue;
+    if (name && kept.contains(*name)) continue;
     if (entry.isDirectory || fault("remove") != 0) continue;
     if (::unlink((directory_ + "/" + entry.name).c_str()) == 0) ++removed;
   }

@@ -1,9 +1,10 @@
 #pragma once
 
+#include <compare>
 #include <cstdint>
 #include <functional>
+#include <set>
 #include <string>
-#include <vector>
 
 #include "platform/FileDescriptor.h"
 
@@ -15,7 +16,7 @@ struct PartialName {
   uint64_t owner = 0;  // the task that it was made for
   uint64_t generation = 0;
 
-  bool operator==(const PartialName&) const = default;
+  auto operator<=>(const PartialName&) const = default;
 };
 
 // The directory of partial files of one session (mode 0700, files 0600). Calls return 0 or an
@@ -35,7 +36,7 @@ class PartialFiles {
   int truncate(const PartialName& name, int64_t length) const;
   void remove(const PartialName& name) const;
   // Removes every file that is not among `kept`; returns how many there were.
-  size_t removeAllBut(const std::vector<PartialName>& kept) const;
+  size_t removeAllBut(const std::set<PartialName>& kept) const;
   // Bytes that may still be written, -1 when that is not known.
   int64_t freeBytes() const;
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <set>
 #include <utility>
 
 #include <sys/random.h>
@@ -78,7 +79,7 @@ TransferTaskInfo infoOf(const TransferRecord& record) {
 TransferLedger::TransferLedger(std::unique_ptr<TransferStore> store, bool ephemeral)
     : store_(std::move(store)), changedSinceMs_(kNeverMs), now_([] { return int64_t{0}; }) {
   auto records = store_->load();
-  std::vector<PartialName> kept;
+  std::set<PartialName> kept;
   {
     MutexLock lock(mutex_);
     mark_ = storedMark_ = store_->mark();
@@ -92,7 +93,7 @@ TransferLedger::TransferLedger(std::unique_ptr<TransferStore> store, bool epheme
       entry->factsChanged = true;
       _markChanged(entry);
       if (drop) continue;
-      kept.push_back(entry->record.content.file);
+      kept.insert(entry->record.content.file);
       entries_.emplace(entry->record.id, entry);
     }
   }

@@ -165,6 +165,15 @@ Application::TaskPtr Application::start(const std::string& path, const HeaderFie
   return task;
 }
 
+Application::TaskPtr Application::launchAndReceive(const std::string& path, uint64_t size,
+                                                   uint64_t at, const HeaderFields& headers) {
+  harness_.serveHeld(path, size, at);
+  launch();
+  const auto task = start(path, headers);
+  EXPECT_TRUE(recorder->waitForBytes(task->taskIdentifier(), static_cast<int64_t>(at)));
+  return task;
+}
+
 Application::Events Application::completed(uint64_t task) {
   EXPECT_TRUE(recorder->waitForCompletion(task)) << "no completion of task " << task << "\n"
                                                  << recorder->log();

@@ -116,6 +116,9 @@ class Application {
   platform::URLRequestPtr request(const std::string& path, const HeaderFields& headers = {}) const;
   TaskPtr make(const std::string& path, const HeaderFields& headers = {});
   TaskPtr start(const std::string& path, const HeaderFields& headers = {});  // made and resumed
+  // Launches with a task whose server stops after the first `at` bytes, which have come.
+  TaskPtr launchAndReceive(const std::string& path, uint64_t size, uint64_t at,
+                           const HeaderFields& headers = {});
   // The events of a task once it completed; a test failure when it does not.
   Events completed(uint64_t task);
   Events completed(const TaskPtr& task) { return completed(task->taskIdentifier()); }

@@ -190,10 +190,7 @@ TEST_P(SessionContract, KeepsDescriptionsAcrossLaunches) {
 }
 
 TEST_P(SessionContract, KeepsPartialDataOfASuspendedTaskAcrossLaunches) {
-  harness->serveHeld("/a", kSize, kHalf);
-  app.launch();
-  const auto task = app.start("/a");
-  ASSERT_TRUE(app.recorder->waitForBytes(task->taskIdentifier(), kHalf));
+  const auto task = app.launchAndReceive("/a", kSize, kHalf);
   task->suspend();
   const auto tasks = app.relaunch();
   ASSERT_EQ(tasks.size(), 1U);
@@ -210,10 +207,7 @@ TEST_P(SessionContract, KeepsPartialDataOfASuspendedTaskAcrossLaunches) {
 }
 
 TEST_P(SessionContract, GoesOnByItselfWithARunningTaskAfterALaunch) {
-  harness->serveHeld("/a", kSize, kHalf);
-  app.launch();
-  const auto task = app.start("/a");
-  ASSERT_TRUE(app.recorder->waitForBytes(task->taskIdentifier(), kHalf));
+  const auto task = app.launchAndReceive("/a", kSize, kHalf);
   const auto tasks = app.relaunch();
   harness->release("/a");
   ASSERT_EQ(tasks.size(), 1U);
@@ -252,10 +246,7 @@ TEST_P(SessionContract, CancelDropsTheDataAndEndsWithTheCancelError) {
 }
 
 TEST_P(SessionContract, OnlyTheApplicationsCancelEndsATaskAsCancelled) {
-  harness->serveHeld("/a", kSize, kHalf);
-  app.launch();
-  const auto task = app.start("/a");
-  ASSERT_TRUE(app.recorder->waitForBytes(task->taskIdentifier(), kHalf));
+  const auto task = app.launchAndReceive("/a", kSize, kHalf);
   const auto seen = app.recorder;
   ASSERT_EQ(app.relaunch().size(), 1U);
   EXPECT_EQ(seen->of(task->taskIdentifier()).order, "w");

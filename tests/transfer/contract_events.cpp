@@ -277,10 +277,7 @@ TEST_P(SessionContract, DeliversInTheNextLaunchWhatWasNotAcknowledged) {
 }
 
 TEST_P(SessionContract, CallsNobodyAfterTheLastReferenceWentAway) {
-  harness->serveHeld("/a", kSize, kHalf);
-  app.launch();
-  const auto task = app.start("/a");
-  ASSERT_TRUE(app.recorder->waitForBytes(task->taskIdentifier(), kHalf));
+  const auto task = app.launchAndReceive("/a", kSize, kHalf);
   const auto seen = app.recorder;
   const std::weak_ptr<platform::URLSession> dropped = app.session;
   app.close();

@@ -116,11 +116,7 @@ TEST_P(TransferContract, SaysWhatKeptItFromConnecting) {
 }
 
 TEST_P(TransferContract, ResumesTheSameConnectionAfterAShortSuspension) {
-  server.serve("/a", kSize);
-  server.script("/a", {Fault::hold(kHalf)});
-  app.launch();
-  const auto task = app.start("/a");
-  ASSERT_TRUE(app.recorder->waitForBytes(task->taskIdentifier(), kHalf));
+  const auto task = app.launchAndReceive("/a", kSize, kHalf);
   task->suspend();
   task->resume();
   server.release("/a");
@@ -447,12 +443,8 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& info) { return info.param.name; });
 
 TEST_P(TransferContract, KeepsItsFilesToItself) {
-  server.serve("/a", kSize);
-  server.script("/a", {Fault::hold(kHalf)});
   const mode_t before = umask(0);
-  app.launch();
-  const auto task = app.start("/a", {{"Authorization", "secret"}});
-  ASSERT_TRUE(app.recorder->waitForBytes(task->taskIdentifier(), kHalf));
+  const auto task = app.launchAndReceive("/a", kSize, kHalf, {{"Authorization", "secret"}});
   umask(before);
   int files = 0;
   for (const auto& entry :
@@ -467,11 +459,7 @@ TEST_P(TransferContract, KeepsItsFilesToItself) {
 
 TEST_P(TransferContract, RemovesTheTasksOfAnEphemeralSessionAtTheNextStart) {
   harness.configuration().ephemeral = true;
-  server.serve("/a", kSize);
-  server.script("/a", {Fault::hold(kHalf)});
-  app.launch();
-  const auto task = app.start("/a");
-  ASSERT_TRUE(app.recorder->waitForBytes(task->taskIdentifier(), kHalf));
+  const auto task = app.launchAndReceive("/a", kSize, kHalf);
   EXPECT_TRUE(app.relaunch().empty());
   EXPECT_EQ(harness.storedBytes(), 0);
 }

@@ -135,6 +135,15 @@ class HTTP2 : public testing::Test {
     return found;
   }
 
+  void transferAll() {
+    app.launch();
+    std::vector<Application::TaskPtr> tasks;
+    for (int i = 0; i < kFiles; ++i)
+      tasks.push_back(start(i));
+    for (int i = 0; i < kFiles; ++i)
+      expectFile(tasks[static_cast<size_t>(i)], i);
+  }
+
   TempDirectory directory;
   TestCA ca;
   TransferHarness harness;
@@ -145,12 +154,7 @@ class HTTP2 : public testing::Test {
 
 TEST_F(HTTP2, SharesAConnectionAmongManyTransfers) {
   startServer("");
-  app.launch();
-  std::vector<Application::TaskPtr> tasks;
-  for (int i = 0; i < kFiles; ++i)
-    tasks.push_back(start(i));
-  for (int i = 0; i < kFiles; ++i)
-    expectFile(tasks[static_cast<size_t>(i)], i);
+  transferAll();
   ASSERT_TRUE(app.recorder->waitUntil([&] { return accesses().size() >= size_t{kFiles}; }));
   std::set<std::string> connections;
   for (const Access& access : accesses()) {
@@ -164,12 +168,7 @@ TEST_F(HTTP2, SharesAConnectionAmongManyTransfers) {
 TEST_F(HTTP2, GoesOnWhenTheServerEndsConnections) {
   startServer("keepalive_requests 7;");
   harness.configuration().retryBoundSeconds = 20;
-  app.launch();
-  std::vector<Application::TaskPtr> tasks;
-  for (int i = 0; i < kFiles; ++i)
-    tasks.push_back(start(i));
-  for (int i = 0; i < kFiles; ++i)
-    expectFile(tasks[static_cast<size_t>(i)], i);
+  transferAll();
 }
 
 TEST_F(HTTP2, ContinuesFromPartialFiles) {
