@@ -145,14 +145,43 @@ Configurator& configurator() {
   return *instance;
 }
 
+// Lives for the process: nothing of it ends while other threads still use it. Empty until the
+// shared downloader stands.
+struct SharedDownloader {
+  platform::Mutex mutex;
+  std::shared_ptr<QNMovieDownloader> made GUARDED_BY(mutex);
+};
+
+SharedDownloader& theShared() {
+  static auto* const instance = new SharedDownloader;
+  return *instance;
+}
+
+std::string defaultDownloadPath() {
+  return FileManager::pathByAppending(FileManager::documentsDirectory(), kDirectoryName);
+}
+
+std::vector<std::shared_ptr<QNMovieDownloadProperties>> moviesBelow(const std::string& root) {
+  auto& files = FileManager::defaultManager();
+  std::vector<std::shared_ptr<QNMovieDownloadProperties>> movies;
+  for (const auto& entry :
+       files.contentsOfDirectory(root).value_or(std::vector<FileManager::Entry>())) {
+    const std::string directory = FileManager::pathByAppending(root, entry.name);
+    const std::string path = FileManager::pathByAppending(directory, QNMoviePropertiesFileName);
+    if (!files.fileExistsAtPath(path)) continue;
+    auto properties =
+        QNMovieDownloadProperties::propertiesWithLocalPath(directory, QNMoviePropertiesFileName);
+    if (properties) movies.push_back(std::move(properties));
+  }
+  return movies;
+}
+
 }  // namespace
 
 std::shared_ptr<QNMovieDownloader> QNMovieDownloader::initWithIdentifier(
     const std::optional<std::string>& identifier, bool cellularAccess, bool discretionaryMode,
     std::optional<std::string> downloadPath, const ConfigureSession& configure) {
-  std::string path = downloadPath ? std::move(*downloadPath)
-                                  : FileManager::pathByAppending(FileManager::documentsDirectory(),
-                                                                 kDirectoryName);
+  std::string path = downloadPath ? std::move(*downloadPath) : defaultDownloadPath();
   std::shared_ptr<QNMovieDownloader> downloader(
       new QNMovieDownloader(cellularAccess, discretionaryMode, std::move(path)));
   downloader->start(identifier, configure);
@@ -174,10 +203,23 @@ std::shared_ptr<QNMovieDownloader> QNMovieDownloader::init() {
 }
 
 std::shared_ptr<QNMovieDownloader> QNMovieDownloader::sharedDownloader() {
-  // Lives for the process: nothing of it ends while other threads still use it.
-  static auto* const shared =
-      new std::shared_ptr<QNMovieDownloader>(initWithIdentifier(std::string(kSharedIdentifier)));
+  static auto* const shared = [] {
+    auto* const made =
+        new std::shared_ptr<QNMovieDownloader>(initWithIdentifier(std::string(kSharedIdentifier)));
+    platform::MutexLock lock(theShared().mutex);
+    theShared().made = *made;
+    return made;
+  }();
   return *shared;
+}
+
+std::vector<QNMovieDownloader::Properties> QNMovieDownloader::sharedDownloadedMovies() {
+  std::shared_ptr<QNMovieDownloader> made;
+  {
+    platform::MutexLock lock(theShared().mutex);
+    made = theShared().made;
+  }
+  return made ? made->downloadedMovies() : moviesBelow(defaultDownloadPath());
 }
 
 void QNMovieDownloader::setConfigureSession(ConfigureSession configure) {
@@ -323,19 +365,7 @@ std::string QNMovieDownloader::findManifestLocalNameForDownloadId(
 }
 
 std::vector<QNMovieDownloader::Properties> QNMovieDownloader::downloadedMovies() const {
-  auto& files = FileManager::defaultManager();
-  const std::string root = downloadPath();
-  std::vector<Properties> movies;
-  for (const auto& entry :
-       files.contentsOfDirectory(root).value_or(std::vector<FileManager::Entry>())) {
-    const std::string directory = FileManager::pathByAppending(root, entry.name);
-    const std::string path = FileManager::pathByAppending(directory, QNMoviePropertiesFileName);
-    if (!files.fileExistsAtPath(path)) continue;
-    auto properties =
-        QNMovieDownloadProperties::propertiesWithLocalPath(directory, QNMoviePropertiesFileName);
-    if (properties) movies.push_back(std::move(properties));
-  }
-  return movies;
+  return moviesBelow(downloadPath());
 }
 
 // Activation

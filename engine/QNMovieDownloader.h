@@ -59,6 +59,9 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
   // One for the process, "QNMovieDownloader/SharedSession", made with the first call (which throws
   // what opening the session throws; the next one tries again).
   static std::shared_ptr<QNMovieDownloader> sharedDownloader();
+  // Own addition: what the shared downloader lists; before it was made, what is stored in the
+  // default download path. Makes none, and waits for nobody who does.
+  static std::vector<Properties> sharedDownloadedMovies();
   // For every downloader that is made from now on, before its own `configure`.
   static void setConfigureSession(ConfigureSession configure);
 

@@ -5,12 +5,33 @@
 #include "platform/Log.h"
 #include "platform/host/QNLog.h"
 
+namespace {
+
+// No exception may cross into a host that was built by whatever compiler, none of logging either.
+template <class Body>
+void guarded(const char* message, Body body) noexcept {
+  try {
+    try {
+      body();
+    } catch (...) {
+      QNEngineLog(QNLogLevelError, message, platform::describeCurrentException());
+    }
+  } catch (...) {
+    // Nobody is left to tell.
+  }
+}
+
+}  // namespace
+
 void QuillonStreamDownloader::initPlugin() {
   addFactoryFunction(&QuillonStreamDownloader::create);
 }
 
 std::shared_ptr<QuillonStreamDownloaderInterface> QuillonStreamDownloader::create() {
-  return std::make_shared<QuillonStreamDownloader>();
+  std::shared_ptr<QuillonStreamDownloaderInterface> plugin;
+  guarded("Error: Failed to make the plug-in: %@",
+          [&] { plugin = std::make_shared<QuillonStreamDownloader>(); });
+  return plugin;
 }
 
 std::string QuillonStreamDownloader::getId() const {
@@ -19,18 +40,18 @@ std::string QuillonStreamDownloader::getId() const {
 
 std::optional<std::vector<std::string>> QuillonStreamDownloader::getDownloadedQualityIds(
     const std::string& localURL) {
-  for (const auto& properties : QNMovieDownloader::sharedDownloader()->downloadedMovies()) {
-    if (properties->localURL() == localURL) return properties->downloadedQualityIdentifiers();
-  }
-  return std::nullopt;
+  std::optional<std::vector<std::string>> identifiers;
+  guarded("Error: Failed to tell the downloaded qualities: %@", [&] {
+    for (const auto& properties : QNMovieDownloader::sharedDownloadedMovies()) {
+      if (properties->localURL() != localURL) continue;
+      identifiers = properties->downloadedQualityIdentifiers();
+      break;
+    }
+  });
+  return identifiers;
 }
 
 void QuillonStreamDownloader_initPlugin() {
-  // No exception may cross into a host that was built by whatever compiler.
-  try {
-    QuillonStreamDownloader::initPlugin();
-  } catch (...) {
-    QNEngineLog(QNLogLevelError, "Error: Failed to register the plug-in: %@",
-                platform::describeCurrentException());
-  }
+  guarded("Error: Failed to register the plug-in: %@",
+          [] { QuillonStreamDownloader::initPlugin(); });
 }

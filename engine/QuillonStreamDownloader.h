@@ -8,7 +8,9 @@
 #include "platform/Export.h"
 #include "platform/host/QuillonStreamDownloaderInterface.h"
 
-// The face of this library towards a host player that loads it as a plug-in.
+// The face of this library towards a host player that loads it as a plug-in. What the host calls
+// through its interface, or by name, throws nothing: what fails is logged, and the answer is the
+// empty one.
 class QN_EXPORT QuillonStreamDownloader final : public QuillonStreamDownloaderInterface {
  public:
   // Registers `create` with the host.
@@ -16,7 +18,8 @@ class QN_EXPORT QuillonStreamDownloader final : public QuillonStreamDownloaderIn
   static std::shared_ptr<QuillonStreamDownloaderInterface> create();
 
   std::string getId() const override;  // "QuillonStreamDownloader"
-  // Of the shared downloader's stored downloads, the first with this local URL.
+  // Of what the shared downloader lists, the first with this local URL. Needs no shared downloader,
+  // which another process may have, and makes none: then it looks in the default download path.
   std::optional<std::vector<std::string>> getDownloadedQualityIds(
       const std::string& localURL) override;
 };

@@ -45,5 +45,10 @@ std::shared_ptr<QuillonStreamDownloaderInterface> QuillonStreamDownloaderInterfa
 
 void QuillonStreamDownloaderInterface_pluginWithId(
     const char* pluginId, std::shared_ptr<QuillonStreamDownloaderInterface>* plugin) {
-  *plugin = QuillonStreamDownloaderInterface::pluginWithId(pluginId);
+  try {
+    *plugin = QuillonStreamDownloaderInterface::pluginWithId(pluginId);
+  } catch (...) {
+    // A caller without a link to the class may know nothing of exceptions either.
+    plugin->reset();
+  }
 }

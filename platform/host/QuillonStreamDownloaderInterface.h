@@ -37,6 +37,6 @@ class QN_EXPORT QuillonStreamDownloaderInterface {
 
 // `pluginWithId` for a host that loads the library with dlopen and has no link to the class: it
 // finds this by name, and calls the plug-in through its virtual functions. Built with the same C++
-// library.
+// library. Throws nothing: what fails is a null plug-in.
 extern "C" QN_EXPORT void QuillonStreamDownloaderInterface_pluginWithId(
     const char* pluginId, std::shared_ptr<QuillonStreamDownloaderInterface>* plugin);

@@ -24,17 +24,28 @@ TEST(Plugin, AnswersForTheSharedDownloadersStore) {
   };
   write("one", R"(,"QNDownloadedQualityIdentifiers":["v","a"])");
   write("two", "");
+  const std::string root = "file://" + documents.path("QNMovieDownloader");
+  const std::string one = root + "/one/manifest.mpd";
+  const std::vector<std::string> stored = {"v", "a"};
+  // Another process has the session: what is stored is known without it.
+  sessions.store("QNMovieDownloader/SharedSession")->refuse("held");
+  EXPECT_EQ(plugin->getDownloadedQualityIds(one), stored);
+  EXPECT_ANY_THROW(QNMovieDownloader::sharedDownloader());
+  sessions.store("QNMovieDownloader/SharedSession")->refuse(std::nullopt);
+  EXPECT_EQ(plugin->getDownloadedQualityIds(one), stored);
+  EXPECT_EQ(sessions.session(), nullptr) << "no answer makes a downloader";
+
   const auto shared = QNMovieDownloader::sharedDownloader();
   EXPECT_EQ(shared, QNMovieDownloader::sharedDownloader());
   EXPECT_EQ(shared->downloadPath(), documents.path("QNMovieDownloader"));
   EXPECT_EQ(sessions.session()->configuration().identifier, "QNMovieDownloader/SharedSession");
   EXPECT_FALSE(shared->allowsCellularAccess() || shared->discretionary());
 
-  const std::string root = "file://" + documents.path("QNMovieDownloader");
-  EXPECT_EQ(plugin->getDownloadedQualityIds(root + "/one/manifest.mpd"),
-            (std::vector<std::string>{"v", "a"}));
+  EXPECT_EQ(plugin->getDownloadedQualityIds(one), stored);
   EXPECT_EQ(plugin->getDownloadedQualityIds(root + "/two/manifest.mpd"), std::nullopt);
   EXPECT_EQ(plugin->getDownloadedQualityIds(root + "/three/manifest.mpd"), std::nullopt);
+  shared->setDownloadPath(documents.path());
+  EXPECT_EQ(plugin->getDownloadedQualityIds(one), std::nullopt) << "it looks where that one does";
 }
 
 }  // namespace

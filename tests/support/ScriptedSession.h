@@ -46,8 +46,8 @@ class ScriptedStore {
   // Descriptions and states as one line each, in the order of the tasks' identifiers.
   std::string describe() const;
   size_t size() const;
-  // A store that cannot be opened throws this reason.
-  void refuse(std::string reason) { refusal_ = std::move(reason); }
+  // A store that cannot be opened throws this reason, as long as there is one.
+  void refuse(std::optional<std::string> reason) { refusal_ = std::move(reason); }
 
  private:
   friend class ScriptedSession;
