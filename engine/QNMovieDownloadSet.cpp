@@ -188,6 +188,8 @@ bool QNMovieDownloadSet::downloadWithAdditionalHeaders(const QNHeadersPtr& heade
   if (selectedQualitiesInfo_.empty()) return false;
   const QNHeadersPtr merged = _mergeHeaders(headers);
   for (const QualityInfo& info : selectedQualitiesInfo_) {
+    // A cancel leaves errors and spent attempts behind, of a quality that did not complete as well.
+    (void)info->clear();
     info->setAdditionalHeaders(merged);
     info->setParallellDownloads(kParallellDownloads);
     if (!info->download()) continue;
@@ -415,4 +417,9 @@ QNMovieDownloadSet::QualityInfo QNMovieDownloadSet::infoForTask(
 void QNMovieDownloadSet::setRemoved(bool removed) {
   RecursiveLock lock(mutex_);
   removed_ = removed;
+}
+
+bool QNMovieDownloadSet::isRemoved() const {
+  RecursiveLock lock(mutex_);
+  return removed_;
 }

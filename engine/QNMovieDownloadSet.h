@@ -99,8 +99,9 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
   void removeDownloadedQuality(const Quality& quality);
   void removeAllDownloadedQualities();
 
-  // False when something is active already, or nothing was there to be started. The set's headers
-  // win over the call's. Asserts "Controller is required to be non-null": the downloader is gone.
+  // False when something is active already, or nothing was there to be started. What failed before
+  // is tried again, with all its attempts. The set's headers win over the call's. Asserts
+  // "Controller is required to be non-null": the downloader is gone.
   bool downloadWithAdditionalHeaders(const QNHeadersPtr& headers);
   // Nothing happens when nothing runs, waits, respectively is active.
   void pause();
@@ -212,6 +213,7 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
   // For the downloader. A set that is being removed does not start and does not touch its
   // directory.
   void setRemoved(bool removed);
+  bool isRemoved() const;
   // Why the finished file of this resource cannot be stored, null when it can. Remembers whose file
   // it is where several resources have one place.
   platform::ErrorPtr prepareToStore(const Resource& resource);
