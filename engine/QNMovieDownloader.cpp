@@ -411,8 +411,8 @@ QNMovieDownloader::Set QNMovieDownloader::activateDownloadSet(const Set& set) {
 QNMovieDownloader::Set QNMovieDownloader::activeOrStoredSet(const std::string& url,
                                                             const std::string& downloadId,
                                                             platform::ErrorPtr* error) {
+  if (isBeingRemoved(downloadId)) return nullptr;
   if (Set set = activeSet(downloadId)) return set;
-  if (removingAll_) return nullptr;
   const std::string directory = directoryOf(downloadId);
   const std::string name = findManifestLocalNameForDownloadId(downloadId);
   const auto playlist =
@@ -513,6 +513,10 @@ QNMovieDownloader::Set QNMovieDownloader::storeDownloadSetForURL(
   platform::ErrorPtr ignored;
   if (!error) error = &ignored;
   const std::string downloadId = downloadIdWithURL(url);
+  if (isBeingRemoved(downloadId)) {
+    *error = errorWithReason("The download is being removed");
+    return nullptr;
+  }
   // Another fetch of the same download may have been faster.
   if (Set set = activeSet(downloadId)) return set;
   if (!playlist) {

@@ -94,26 +94,29 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
   Sets activeDownloadSets() const;
   // Only what is active; null otherwise.
   Set fetchActiveDownloadSetForURL(const std::string& url) const;
-  // What is active or stored, never the network; null otherwise, and when the stored manifest is
-  // not usable. A stored download goes on under the URL that it was made from.
+  // What is active or stored, never the network; null otherwise, also when the stored manifest is
+  // not usable or the download is being removed (the call comes from inside its removal). A stored
+  // download goes on under the URL that it was made from.
   Set activateDownloadSetForURL(const std::string& url);
   Set activateDownloadSet(const Set& set);
-  // The same, and the network when nothing is stored. The block is called once: inside the call,
+  // The same, and the network when there is nothing. The block is called once: inside the call,
   // with the lock held, when nothing has to be fetched; else on the fetching thread, with the lock
   // held when there is a set. Null set: the error says why, and nothing was stored. A downloader
   // that is released meanwhile gives URLErrorCancelled.
   void fetchDownloadSetForURL(const std::string& url, FetchCompletion block);
   // Own addition: the second half of a fetch, for a manifest that the caller fetched. Null with an
-  // `error` (may be null) when the playlist is not usable, before anything was stored, or when the
-  // manifest cannot be stored: then QNUnderlyingErrorKey holds what the file system said. A set
-  // that is active already is returned instead; a stored manifest is replaced.
+  // `error` (may be null) when the download is being removed or the playlist is not usable, before
+  // anything was stored, or when the manifest cannot be stored: then QNUnderlyingErrorKey holds
+  // what the file system said. A set that is active already is returned instead; a stored manifest
+  // is replaced.
   Set storeDownloadSetForURL(const std::string& url, const std::shared_ptr<QNPlaylist>& playlist,
                              const platform::DataPtr& manifest, platform::ErrorPtr* error);
 
   // Each throws "DownloadSet is not owned by this instance" when no active set has the set's
   // identifier. `pause` and `resume` tell whether the set is in that state afterwards, `download`
-  // and `cancel` whether they acted. `remove` throws "Failed to remove files for DownloadSet" (user
-  // info "NSError"). They run inside a background task of the platform; `pause`, `resume` and
+  // and `cancel` whether they acted. `remove` takes a set of the same identifier below another
+  // download path for one that is not owned, and throws "Failed to remove files for DownloadSet"
+  // (user info "NSError"). They run inside a background task of the platform; `pause`, `resume` and
   // `cancel` end it only when they act, and leave it to expire otherwise.
   bool download(const Set& set);
   bool pause(const Set& set);
@@ -130,8 +133,9 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
   // For the application's launch by the transfer service: the handler is called on the main queue
   // when all held events were delivered, also when they were before. Null is ignored.
   void handleBackgroundEventsWithCompletionHandler(std::function<void()> handler);
-  // Observers of the application's notifications. Entering the foreground suspends every running
-  // task and resumes it a second later, which wakes stalled transfers.
+  // Observers of the application's notifications. Entering the foreground suspends the running
+  // tasks of this downloader's resources and resumes, a second later, those that are still to run,
+  // which wakes stalled transfers.
   void handleEnterForeground();
   void handleLeaveForeground();
 
@@ -193,6 +197,7 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
   void _resumeAll() REQUIRES(mutex_);
   Sets setsInMap() const REQUIRES(mutex_);
   bool isActive(const Set& set) const REQUIRES(mutex_);
+  bool isBeingRemoved(const std::string& downloadId) const REQUIRES(mutex_);
 
   void _reattachTasks(const platform::URLSession::Tasks& tasks);
   void reattachTask(const Task& task) REQUIRES(mutex_);
@@ -223,6 +228,8 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
   QNHeadersPtr additionalHeaders_ GUARDED_BY(mutex_);
   std::map<std::string, Set> downloadIdSetMap_ GUARDED_BY(mutex_);
   bool removingAll_ GUARDED_BY(mutex_) = false;  // nothing that is stored becomes active
+  bool reattached_ GUARDED_BY(mutex_) = false;   // the session's tasks were taken back
+  bool refreshDue_ GUARDED_BY(mutex_) = false;   // the foreground was entered before that
   std::unordered_map<Task, Resource> tasks_ GUARDED_BY(mutex_);
   std::vector<std::function<void()>> backgroundCompletionHandlers_ GUARDED_BY(mutex_);
 };

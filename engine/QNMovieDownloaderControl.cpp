@@ -19,6 +19,11 @@ using platform::RecursiveLock;
 
 namespace {
 
+[[noreturn]] void refuseSet() {
+  throw platform::Exception(QNMovieDownloaderException,
+                            "DownloadSet is not owned by this instance");
+}
+
 // What is being removed lies here, one level deeper than a download would: half of one is never
 // taken for a whole.
 constexpr const char* kRemovedDirectory = ".qn-removed";
@@ -97,13 +102,17 @@ platform::ErrorPtr removeDownload(const std::string& root, const std::string& pa
 }  // namespace
 
 void QNMovieDownloader::_validateSet(const Set& set) const {
-  if (set && activeSet(set->downloadId())) return;
-  throw platform::Exception(QNMovieDownloaderException,
-                            "DownloadSet is not owned by this instance");
+  if (!set || !activeSet(set->downloadId())) refuseSet();
 }
 
 bool QNMovieDownloader::isActive(const Set& set) const {
   return activeSet(set->downloadId()) == set;
+}
+
+// What is on its way out is neither handed out nor put in its place: that would go with it.
+bool QNMovieDownloader::isBeingRemoved(const std::string& downloadId) const {
+  const Set set = activeSet(downloadId);
+  return removingAll_ || (set && set->isRemoved());
 }
 
 // When a set is not owned the background task stays open as well, for the system to expire.
@@ -160,6 +169,7 @@ bool QNMovieDownloader::remove(const Set& set) {
   // a delegate can start neither again, and neither writes to the directory. Both are held: a
   // delegate may drop the caller's.
   const Sets sets = {set, activeSet(set->downloadId())};
+  if (sets.back()->downloadPath() != set->downloadPath()) refuseSet();
   for (const Set& one : sets)
     one->setRemoved(true);
   for (const Set& one : sets) {
@@ -299,6 +309,9 @@ void QNMovieDownloader::handleLeaveForeground() {}
 void QNMovieDownloader::handleEnterForeground() {
   const auto self = shared_from_this();
   RecursiveLock lock(mutex_);
+  // The first question for the tasks is the one that takes them back.
+  refreshDue_ = !reattached_;
+  if (refreshDue_) return;
   const auto background = begin("QNMovieDownloader: Refresh all");
   session_->getAllTasksWithCompletionHandler(
       [weak = weak_from_this(), background](const platform::URLSession::Tasks& tasks) {

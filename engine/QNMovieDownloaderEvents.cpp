@@ -196,6 +196,8 @@ void QNMovieDownloader::_reattachTasks(const platform::URLSession::Tasks& tasks)
   RecursiveLock lock(mutex_);
   for (const Task& task : tasks)
     handleEvent("reattach", [&]() NO_THREAD_SAFETY_ANALYSIS { reattachTask(task); });
+  reattached_ = true;
+  if (refreshDue_) handleEnterForeground();
 }
 
 // A task that no resource takes ends here: its bytes belong nowhere.

@@ -3,6 +3,7 @@
 #include <map>
 #include <utility>
 
+#include "platform/DispatchQueue.h"
 #include "platform/Log.h"
 #include "platform/Mutex.h"
 #include "platform/NotificationCenter.h"
@@ -10,12 +11,13 @@
 namespace platform {
 namespace {
 
-using Watcher = std::function<void(const std::string&, bool)>;
+using Watcher = Application::BackgroundTaskWatcher;
 
-void tell(const std::shared_ptr<const Watcher>& watcher, const std::string& name, bool began) {
+void tell(const std::shared_ptr<const Watcher>& watcher, const std::string& name,
+          BackgroundTaskChange change) {
   if (!watcher) return;
   try {
-    (*watcher)(name, began);
+    (*watcher)(name, change);
   } catch (...) {
     logError("Watcher of background tasks: " + describeCurrentException());
   }
@@ -24,13 +26,30 @@ void tell(const std::shared_ptr<const Watcher>& watcher, const std::string& name
 }  // namespace
 
 struct Application::Impl {
+  // The task is over; nothing happens when it was before.
+  void close(BackgroundTask task, BackgroundTaskChange change);
+
   mutable Mutex mutex;
   BackgroundTask lastTask GUARDED_BY(mutex) = 0;
   std::map<BackgroundTask, std::string> tasks GUARDED_BY(mutex);
   std::shared_ptr<const Watcher> watcher GUARDED_BY(mutex);
 };
 
-Application::Application() : impl_(std::make_unique<Impl>()) {}
+void Application::Impl::close(BackgroundTask task, BackgroundTaskChange change) {
+  std::string name;
+  std::shared_ptr<const Watcher> last;
+  {
+    MutexLock lock(mutex);
+    const auto found = tasks.find(task);
+    if (found == tasks.end()) return;
+    name = std::move(found->second);
+    tasks.erase(found);
+    last = watcher;
+  }
+  tell(last, name, change);
+}
+
+Application::Application() : impl_(std::make_shared<Impl>()) {}
 
 Application::~Application() = default;
 
@@ -48,22 +67,16 @@ Application::BackgroundTask Application::beginBackgroundTaskWithName(const std::
     impl_->tasks.emplace(task, name);
     watcher = impl_->watcher;
   }
-  tell(watcher, name, true);
+  tell(watcher, name, BackgroundTaskChange::Began);
+  DispatchQueue::globalBackgroundQueue()->after(
+      kBackgroundTaskBound, [weak = std::weak_ptr<Impl>(impl_), task] {
+        if (const auto impl = weak.lock()) impl->close(task, BackgroundTaskChange::Expired);
+      });
   return task;
 }
 
 void Application::endBackgroundTask(BackgroundTask task) {
-  std::string name;
-  std::shared_ptr<const Watcher> watcher;
-  {
-    MutexLock lock(impl_->mutex);
-    const auto found = impl_->tasks.find(task);
-    if (found == impl_->tasks.end()) return;
-    name = std::move(found->second);
-    impl_->tasks.erase(found);
-    watcher = impl_->watcher;
-  }
-  tell(watcher, name, false);
+  impl_->close(task, BackgroundTaskChange::Ended);
 }
 
 std::vector<std::string> Application::openBackgroundTasks() const {

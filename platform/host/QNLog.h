@@ -8,8 +8,8 @@
 // The host SDK's log tap. Level 16 is "error", 0 the least of all.
 inline constexpr int QNLogLevelError = 16;
 
-// Whether a message of this level is wanted. The message may still hold format markers; it lets a
-// tap choose by text.
+// Whether a message of this level is wanted. The level alone decides; the message, which may still
+// hold format markers, is part of the host's interface and not looked at.
 QN_EXPORT bool QNCheckLogTap(int level, const std::string& message);
 // Hands the finished message to the tap.
 QN_EXPORT void QNLog(int level, const std::string& message);

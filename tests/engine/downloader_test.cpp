@@ -324,10 +324,10 @@ TEST_F(Downloader, EndsItsBackgroundTasksWhereItActs) {
   set->selectAllQualities();
   auto& application = platform::Application::sharedApplication();
   std::string told;
-  application.setBackgroundTaskWatcher([&](const std::string& name, bool began) {
+  application.setBackgroundTaskWatcher([&](const std::string& name, auto change) {
     const std::string prefix = "QNMovieDownloader: ";
     EXPECT_TRUE(name.starts_with(prefix)) << name;
-    told += (began ? "+" : "-") + name.substr(prefix.size()) + " ";
+    told += "+-!"[static_cast<int>(change)] + name.substr(prefix.size()) + " ";
   });
   const auto toldBy = [&](const std::function<void()>& call) {
     told.clear();
@@ -354,6 +354,9 @@ TEST_F(Downloader, EndsItsBackgroundTasksWhereItActs) {
   EXPECT_EQ(toldBy([&] { downloader.remove(set); }), "+Remove download -Remove download ");
   EXPECT_EQ(toldBy([&] { downloader.download(set); }), "+Initiate download threw ");
   EXPECT_EQ(toldBy([&] { downloader.removeAll(); }), "+Remove all -Remove all ");
+  // What nobody ended expires.
+  EXPECT_EQ(toldBy([&] { world.backgroundQueue->advance(std::chrono::minutes(1)); }),
+            "!Pause download !Resume download !Cancel download !Initiate download ");
   application.setBackgroundTaskWatcher(nullptr);
 }
 
@@ -438,6 +441,49 @@ TEST_F(Downloader, ARemovedSetLeavesTheOneInItsPlaceAlone) {
   EXPECT_FALSE(fresh->downloadWithAdditionalHeaders(nullptr));
   world.serveAll();
   EXPECT_FALSE(std::filesystem::exists(world.directory()));
+}
+
+TEST_F(Downloader, WhatLiesUnderAnotherPathIsAnotherDownload) {
+  const auto old = started();
+  ASSERT_TRUE(world.downloader->remove(old));
+  world.downloader->setDownloadPath(world.root.path("elsewhere"));
+  const auto fetched = fetch();
+  ASSERT_TRUE(world.shared.answer(qntest::makeMPD(kMovie)));
+  fetched->set->selectAllQualities();
+  ASSERT_TRUE(world.downloader->download(fetched->set));
+  EXPECT_EQ(thrownBy([&] { world.downloader->remove(old); }).reason(),
+            "DownloadSet is not owned by this instance");
+  EXPECT_EQ(world.downloader->fetchActiveDownloadSetForURL(world.url), fetched->set);
+  EXPECT_EQ(fetched->set->status(), QNDownloadStatusRunning);
+}
+
+TEST_F(Downloader, WhatADelegateAsksForDuringARemovalComesAfterIt) {
+  const std::string manifest = qntest::makeMPD(kMovie);
+  const auto data = std::make_shared<const platform::Data>(manifest.begin(), manifest.end());
+  for (const bool all : {false, true}) {
+    const auto old = started();
+    std::shared_ptr<Fetched> fetched;
+    world.delegate->react = [&](const auto&, const std::string&) {
+      platform::ErrorPtr error;
+      EXPECT_EQ(world.downloader->storeDownloadSetForURL(world.url, qntest::makePlaylist(kMovie),
+                                                         data, &error),
+                nullptr);
+      EXPECT_EQ(error ? error->localizedDescription() : "", "The download is being removed");
+      EXPECT_EQ(world.activate(), nullptr);
+      fetched = fetch();
+    };
+    all ? world.downloader->removeAll() : (void)world.downloader->remove(old);
+    world.delegate->react = nullptr;
+    EXPECT_FALSE(std::filesystem::exists(world.directory()));
+    ASSERT_TRUE(world.shared.answer(manifest)) << "it has to be fetched anew";
+    ASSERT_NE(fetched->set, nullptr);
+    fetched->set->selectAllQualities();
+    EXPECT_TRUE(world.downloader->download(fetched->set));
+    world.serveAll();
+    EXPECT_EQ(world.stored(), "a/1 a/2 v/1 v/2 v/3 ");
+    world.downloader->removeAll();
+    world.delegate->take();
+  }
 }
 
 TEST_F(Downloader, ListsWhatIsStoredWithoutWaitingForTheLock) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "engine/QNResourceId.h"
+#include "platform/Application.h"
 #include "platform/Exception.h"
 #include "tests/support/DownloaderWorld.h"
 
@@ -178,6 +179,19 @@ TEST_F(Relaunch, LaterSegmentsAreAskedForLikeTheFirst) {
   ASSERT_NE(next, nullptr);
   EXPECT_EQ(next->originalRequest()->valueForHTTPHeaderField("X-Token"), "t");
   EXPECT_EQ(next->originalRequest()->valueForHTTPHeaderField("Range"), std::nullopt);
+}
+
+TEST_F(Relaunch, AForegroundDuringTheLaunchWaitsForTheTasks) {
+  world.storeManifest(kMovie);
+  leaveTask("http://host/movie/v/2", identity("v", 1, 2));
+  world.sessions.beforeTasksAreAsked(
+      [] { platform::Application::sharedApplication().enterForeground(); });
+  const auto set = launched();
+  ASSERT_NE(set, nullptr) << "its task was not taken back";
+  EXPECT_EQ(render(*set), "running selected v:.R. downloaded completed 0 failed 0");
+  world.session().deliverEvents();
+  world.mainQueue->run();
+  EXPECT_EQ(world.session().tasks()[0]->state(), URLSessionTaskState::Suspended) << "refreshed";
 }
 
 TEST_F(Relaunch, MixedTasksAreBroughtInStep) {

@@ -92,8 +92,8 @@ TEST(NotificationCenter, IsUsedFromSeveralThreads) {
 TEST(Application, BackgroundTasksCanBeWatched) {
   Application application;
   std::vector<std::string> seen;
-  application.setBackgroundTaskWatcher([&](const std::string& name, bool began) {
-    seen.push_back((began ? "+" : "-") + name + "/" +
+  application.setBackgroundTaskWatcher([&](const std::string& name, BackgroundTaskChange change) {
+    seen.push_back((change == BackgroundTaskChange::Began ? "+" : "-") + name + "/" +
                    std::to_string(application.openBackgroundTasks().size()));
   });
   const auto first = application.beginBackgroundTaskWithName("a");

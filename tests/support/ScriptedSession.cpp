@@ -160,6 +160,7 @@ ScriptedSession::Task ScriptedSession::downloadTaskWithResumeData(
 }
 
 void ScriptedSession::getTasksWithCompletionHandler(std::function<void(const Tasks&)> completion) {
+  if (const auto block = std::exchange(beforeAsked_, nullptr)) block();
   {
     Lock lock(store_->mutex_);
     if (asked_) {
@@ -508,6 +509,7 @@ ScriptedSessions::ScriptedSessions(std::shared_ptr<KillSwitch> killSwitch) {
   platform::URLSession::setProvider([state = state_](const auto& configuration, auto delegate) {
     auto session =
         ScriptedSession::open(state->store(configuration.identifier), configuration, delegate);
+    session->beforeAsked_ = std::exchange(state->beforeAsked, nullptr);
     std::lock_guard lock(state->mutex);
     state->last = session;
     return session;

@@ -114,6 +114,7 @@ class ScriptedSession : public platform::URLSession {
 
  private:
   friend class ScriptedTask;
+  friend class ScriptedSessions;
   using Lock = std::lock_guard<std::recursive_mutex>;
   using Event = std::function<void(const std::shared_ptr<platform::URLSessionDelegate>&)>;
 
@@ -145,6 +146,7 @@ class ScriptedSession : public platform::URLSession {
   std::optional<std::thread::id> deliverer_;
   std::set<uint64_t> changedInside_;  // by calls from inside the event that is being delivered
   bool asked_ = false;
+  std::function<void()> beforeAsked_;
   bool endDue_ = false;  // of the held events, and nobody has asked for it yet
   size_t tasksMade_ = 0;
 };
@@ -191,6 +193,8 @@ class ScriptedSessions {
   std::shared_ptr<ScriptedStore> store(const std::string& identifier);
   // The session that was opened last, null when it is gone.
   std::shared_ptr<ScriptedSession> session() const;
+  // Called once, when the next session is asked for its tasks and before it answers.
+  void beforeTasksAreAsked(std::function<void()> block) { state_->beforeAsked = std::move(block); }
 
  private:
   struct State {
@@ -198,6 +202,7 @@ class ScriptedSessions {
     std::map<std::string, std::shared_ptr<ScriptedStore>> stores;
     std::mutex mutex;  // of `last`, which a harness asks for on a thread of its own
     std::weak_ptr<ScriptedSession> last;
+    std::function<void()> beforeAsked;
 
     std::shared_ptr<ScriptedStore> store(const std::string& identifier);
   };
