@@ -54,12 +54,8 @@ void SetObserver::movieDownloadSetDidChangeStatus(const Set&, QNDownloadStatus) 
 
 void SetObserver::movieDownloadSetDidCompleteQualityWithError(const Set&, const Quality& quality,
                                                               const platform::ErrorPtr& error) {
-  {
-    const platform::MutexLock lock(mutex_);
-    if (error) failures_[quality] = error;
-  }
-  // A set with selected qualities that were never started goes idle without saying so.
-  Interrupt::wake();
+  const platform::MutexLock lock(mutex_);
+  if (error) failures_[quality] = error;
 }
 
 DownloadRun::DownloadRun(std::shared_ptr<QNMovieDownloader> downloader,

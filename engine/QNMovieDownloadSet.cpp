@@ -327,13 +327,20 @@ void QNMovieDownloadSet::_resourceCompleteWithError(const Resource& resource,
   _checkInvariants();
 
   const bool wasLast = everySelectedCompleted();
+  const bool cameToRest = numActive_ == 0;
   const uint64_t start = starts_;
   tell([&](QNMovieDownloadSetDelegate& delegate, const auto& set) {
     delegate.movieDownloadSetDidCompleteQualityWithError(set, info->quality(), info->error());
   });
   // The delegate may have selected, deselected, cancelled, or started the set again.
   if (starts_ != start || numActive_ != 0) return;
-  if (wasLast || everySelectedCompleted()) _completeWithError(_makeError());
+  if (wasLast || everySelectedCompleted()) {
+    _completeWithError(_makeError());
+  } else if (cameToRest) {
+    // What is left was selected for its files or its tasks after a relaunch, and never started. It
+    // is the application's to start, which has to know that it can.
+    tellStatus(QNDownloadStatusIdle);
+  }
 }
 
 platform::ErrorPtr QNMovieDownloadSet::_makeError() const {

@@ -21,7 +21,9 @@ class QN_EXPORT QNMovieDownloadSetDelegate {
 
   virtual ~QNMovieDownloadSetDelegate() = default;
 
-  // After the set started, paused, resumed, was cancelled or finished.
+  // After the set started, paused, resumed, was cancelled or finished. Idle without a completion
+  // right after it: also when everything active ended and qualities that a relaunch selected were
+  // never started.
   virtual void movieDownloadSetDidChangeStatus(const Set& /*set*/, QNDownloadStatus /*status*/) {}
   // The last selected quality finished; null when none failed. Comes right after the status idle.
   virtual void movieDownloadSetDidCompleteWithError(const Set& /*set*/,

@@ -142,17 +142,20 @@ void QNMovieDownloadSet::pickUpStoredFiles() {
   if (files.total() == 0) return;
   for (const QualityInfo& info : qualities_) {
     size_t found = 0;
+    bool hasOwn = false;
     for (const Resource& resource : info->resources()) {
       const auto place = places_->placeOf(*resource);
       const int64_t size = place ? files.sizeOf(*place) : 0;
       if (size == 0 || !places_->isStoredFor(*resource, *place)) continue;
       info->resourceCompleteWithBytesPreloaded(resource, size);
       ++found;
+      hasOwn = hasOwn || !places_->isShared(*place);
     }
     if (found == 0) continue;
     if (found == info->resources().size()) {
       downloadedQualitiesInfo_.push_back(info);
-    } else if (isSelectable(*info->quality())) {
+    } else if (hasOwn && isSelectable(*info->quality())) {
+      // A file that others list too says nothing about which of them was wanted.
       _selectQuality(info);
     }
   }

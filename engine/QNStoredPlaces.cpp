@@ -46,22 +46,24 @@ class QNStoredPlaces::Table {
  public:
   explicit Table(size_t count) : slots_(std::bit_ceil(count * 2 + 1)) {}
 
+  struct Slot {
+    uint64_t hash = 0;
+    const QNRangedURL* first = nullptr;
+    size_t quality = 0;  // of the first resource
+  };
+
   // The resource that was there first, `resource` itself when none was.
-  const QNRangedURL* firstAt(std::string_view place, const QNRangedURL* resource) {
+  const Slot& firstAt(std::string_view place, const QNRangedURL* resource, size_t quality) {
     const uint64_t hash = QNHash64(place);
     for (size_t i = hash & (slots_.size() - 1);; i = (i + 1) & (slots_.size() - 1)) {
       Slot& slot = slots_[i];
-      if (!slot.first) slot = {hash, resource};
-      if (slot.first == resource) return resource;
-      if (slot.hash == hash && placeOfURL(*slot.first) == place) return slot.first;
+      if (!slot.first) slot = {hash, resource, quality};
+      if (slot.first == resource) return slot;
+      if (slot.hash == hash && placeOfURL(*slot.first) == place) return slot;
     }
   }
 
  private:
-  struct Slot {
-    uint64_t hash = 0;
-    const QNRangedURL* first = nullptr;
-  };
   std::vector<Slot> slots_;
 };
 
@@ -72,21 +74,29 @@ QNStoredPlaces::QNStoredPlaces(std::string downloadPath, std::string manifestNam
   for (const auto& quality : qualities)
     count += quality->resources().size();
   Table table(count);
-  for (const auto& quality : qualities) {
-    for (const auto& info : quality->resources())
-      add(*info->resource(), table);
+  for (size_t i = 0; i < qualities.size(); ++i) {
+    for (const auto& info : qualities[i]->resources())
+      add(*info->resource(), i, table);
   }
 }
 
-void QNStoredPlaces::add(const QNRangedURL& resource, Table& table) {
+void QNStoredPlaces::add(const QNRangedURL& resource, size_t quality, Table& table) {
   std::string buffer;
   const std::string_view place = placeOf(resource, buffer);
   if (place.empty()) return;
-  const QNRangedURL* const first = table.firstAt(place, &resource);
-  if (first == &resource) return;
+  const Table::Slot& slot = table.firstAt(place, &resource, quality);
+  if (slot.first == &resource) return;
   // Of three that compete the last two may be the same.
   hasShared_ = true;
-  if (!isSameContent(*first, resource)) contended_.insert(std::string(place));
+  if (!isSameContent(*slot.first, resource)) {
+    contended_.insert(std::string(place));
+  } else if (slot.quality != quality) {
+    shared_.insert(slot.hash);
+  }
+}
+
+bool QNStoredPlaces::isShared(const std::string& place) const {
+  return !shared_.empty() && shared_.contains(QNHash64(place));
 }
 
 void QNStoredPlaces::setProperties(std::shared_ptr<QNMutableMovieDownloadProperties> properties) {

@@ -50,13 +50,15 @@ class QNStoredPlaces {
   // own.
   std::unordered_set<std::string> placesKeptBy(const std::vector<QualityInfo>& others) const;
   bool hasSharedPlaces() const { return hasShared_; }
+  // Whether several qualities list the file that lies there.
+  bool isShared(const std::string& place) const;
 
  private:
   class Table;
 
   // The place without a copy, in `buffer` where the reference does not say it; empty: none.
   std::string_view placeOf(const QNRangedURL& resource, std::string& buffer) const;
-  void add(const QNRangedURL& resource, Table& table);
+  void add(const QNRangedURL& resource, size_t quality, Table& table);
   bool isContended(const std::string& place) const {
     return !contended_.empty() && contended_.contains(place);
   }
@@ -66,5 +68,6 @@ class QNStoredPlaces {
   const std::string manifestName_;
   std::shared_ptr<QNMutableMovieDownloadProperties> properties_;
   std::unordered_set<std::string> contended_;
+  std::unordered_set<uint64_t> shared_;  // hashes of places
   bool hasShared_ = false;
 };

@@ -3,6 +3,8 @@
 #include "engine/QNResourceId.h"
 #include "platform/Application.h"
 #include "platform/Exception.h"
+#include "playlist/QNMovie.h"
+#include "playlist/QNTrack.h"
 #include "tests/support/DownloaderWorld.h"
 
 namespace {
@@ -15,6 +17,34 @@ using qntest::render;
 
 const std::vector<QualityPlan> kMovie = {{QNMediaTypeVideo, "v", {"v/1", "v/2", "v/3"}},
                                          {QNMediaTypeAudio, "a", {"a/1", "a/2"}}};
+
+// Does after a launch what the documentation tells an application to do, and nothing else. Its own
+// record says that it wants everything.
+class RecipeApplication : public QNMovieDownloadSetDelegate {
+ public:
+  explicit RecipeApplication(std::shared_ptr<QNMovieDownloader> downloader)
+      : downloader_(std::move(downloader)) {}
+
+  void goOn(const Set& set) {
+    if (set->status() == QNDownloadStatusRunning) downloader_->pause(set);
+    if (set->status() == QNDownloadStatusPaused) downloader_->resume(set);
+    if (set->status() == QNDownloadStatusIdle) startWhatIsWanted(set);
+  }
+  void movieDownloadSetDidChangeStatus(const Set& set, QNDownloadStatus status) override {
+    if (status == QNDownloadStatusIdle) startWhatIsWanted(set);
+  }
+
+ private:
+  void startWhatIsWanted(const Set& set) {
+    for (const auto& track : set->movie()->tracks()) {
+      for (const auto& quality : track->qualities())
+        set->selectQuality(quality);  // does nothing when it is selected or downloaded
+    }
+    downloader_->download(set);
+  }
+
+  const std::shared_ptr<QNMovieDownloader> downloader_;
+};
 
 class Relaunch : public testing::Test {
  protected:
@@ -206,6 +236,48 @@ TEST_F(Relaunch, MixedTasksAreBroughtInStep) {
   set->_checkInvariants();
   finishEverything();
   EXPECT_EQ(world.stored(), "a/1 a/2 v/1 v/2 v/3 ");
+}
+
+TEST_F(Relaunch, AnApplicationThatFollowsTheRecipeEndsWithEverything) {
+  enum State { Whole, Partial, Absent, Paused, Running };
+  enum Shared { Stored, Missing, UnderWay };
+  const auto leave = [&](const std::string& quality, State state, Shared shared) {
+    const std::string prefix = world.directory().substr(world.root.path().size() + 1) + "/";
+    const auto write = [&](const std::string& name) {
+      world.root.write(prefix + name, DownloaderWorld::bodyOf(name));
+    };
+    const std::string first = quality + "/1";
+    if (shared == Stored || state == Whole) write("init");
+    if (state == Whole) write(quality + "/2");
+    if (state == Whole || state == Partial) write(first);
+    if (state == Paused || state == Running) {
+      const bool onShared = shared == UnderWay;
+      leaveTask("http://host/movie/" + (onShared ? "init" : first),
+                identity(quality, onShared ? 0 : 1, state == Running ? 2 : 1), state == Running);
+    }
+  };
+  for (int row = 0; row < 5 * 5 * 3; ++row) {
+    SCOPED_TRACE("row " + std::to_string(row));
+    world.storeManifest({{QNMediaTypeVideo, "v", {"init", "v/1", "v/2"}},
+                         {QNMediaTypeVideo, "w", {"init", "w/1", "w/2"}}});
+    leave("v", static_cast<State>(row % 5), static_cast<Shared>(row / 25));
+    leave("w", static_cast<State>(row / 5 % 5), static_cast<Shared>(row / 25));
+    before.reset();
+    world.launch();
+    const auto application = std::make_shared<RecipeApplication>(world.downloader);
+    const auto set = world.downloader->activateDownloadSetForURL(world.url);
+    set->setDelegate(application);
+    const std::string start = render(*set);
+    EXPECT_EQ(start.find("C.."), std::string::npos) << "selected for another's file: " << start;
+    application->goOn(set);
+    world.serveAll();
+    EXPECT_EQ(set->numberOfDownloadedQualities(), 2U) << start << " became " << render(*set);
+    EXPECT_EQ(set->properties()->numberOfDownloadedQualities(), 2U);
+    EXPECT_EQ(world.stored(), "init v/1 v/2 w/1 w/2 ");
+    EXPECT_EQ(world.session().tasks().size(), 0U);
+    world.downloader->removeAll();
+    world.kill();
+  }
 }
 
 TEST_F(Relaunch, EventsThatWereHeldAreToldAgain) {
