@@ -125,7 +125,7 @@ class QN_EXPORT URLSessionDownloadTask {
   virtual uint64_t taskIdentifier() const = 0;  // never used again within the session's store
   virtual URLSessionTaskState state() const = 0;
   // Free text of the application's, nullopt when there is none; durable when the call (or the
-  // delegate call around it) returns.
+  // delegate call around it) returns. May be set until the task is completed.
   virtual std::optional<std::string> taskDescription() const = 0;
   virtual void setTaskDescription(std::optional<std::string> description) = 0;
   // The request that the task was made from, with all its headers (also for a task made from resume
@@ -140,7 +140,9 @@ class QN_EXPORT URLSessionDownloadTask {
 
   virtual void resume() = 0;
   virtual void suspend() = 0;
-  // Drops the partial data; the task ends with URLErrorCancelled. Nothing on a completed task.
+  // Drops the data, also when the task has ended meanwhile and that was not told yet; the task ends
+  // with URLErrorCancelled, and is canceling until then, also in the next launch. Nothing on a
+  // completed task.
   virtual void cancel() = 0;
 };
 

@@ -5,6 +5,7 @@
 
 #include "platform/Log.h"
 #include "platform/transfer/ThreadSetup.h"
+#include "platform/transfer/TransferErrors.h"
 #include "platform/transfer/TransferTask.h"
 
 namespace platform {
@@ -185,9 +186,7 @@ void SessionCore::_receive(TransferEvent&& event) {
       task->expected_ = event.expected;
     }
   }
-  // A finished file that was then cancelled is followed by its cancellation.
-  const bool repeated = task->ended_ && event.kind != TransferEvent::Kind::Failed;
-  if (repeated) return;
+  if (task->ended_) return;
   if (!isEnd) {
     const bool queued = task->progress_.has_value();
     task->progress_ = std::move(event);
@@ -264,21 +263,18 @@ void SessionCore::deliverProgress(TransferTask& task, const std::shared_ptr<URLS
     MutexLock lock(mutex_);
     event.swap(task.progress_);
   }
-  if (event) static_cast<void>(deliverReport(task, *event, session, delegate));
+  if (event) deliverReport(task, *event, session, delegate);
 }
 
-// False when the task is not to be told about any more.
-bool SessionCore::deliverReport(TransferTask& task, const TransferEvent& event,
+// Unless the task was cancelled.
+void SessionCore::deliverReport(TransferTask& task, const TransferEvent& event,
                                 const std::shared_ptr<URLSession>& session,
                                 URLSessionDelegate& delegate) {
-  const auto wanted = [&task] {
-    const auto state = task.state();
-    return state == URLSessionTaskState::Running || state == URLSessionTaskState::Suspended;
-  };
-  if (!wanted()) return false;
+  const auto state = task.state();
+  if (state != URLSessionTaskState::Running && state != URLSessionTaskState::Suspended) return;
   const bool isNew = !task.reported_ || task.reportedResponse_ != event.responseNumber;
   if (isNew) task.reportedBytes_ = event.base;
-  if (!isNew && task.reportedBytes_ == event.received) return true;
+  if (!isNew && task.reportedBytes_ == event.received) return;
   task.reported_ = true;
   task.reportedResponse_ = event.responseNumber;
   const int64_t written = event.received - std::exchange(task.reportedBytes_, event.received);
@@ -286,15 +282,15 @@ bool SessionCore::deliverReport(TransferTask& task, const TransferEvent& event,
     delegate.URLSessionDownloadTaskDidWriteData(session, task.shared_from_this(), written,
                                                 event.received, event.expected);
   });
-  return wanted();
 }
 
-// True when the event counts as delivered.
+// True when the event counts as delivered. Whatever it was, the end of a cancelled task is its
+// cancellation.
 bool SessionCore::deliverEnd(TransferTask& task, const TransferEvent& event,
                              const std::shared_ptr<URLSession>& session,
                              URLSessionDelegate& delegate) {
-  const bool finished = event.kind == TransferEvent::Kind::Finished;
-  if (finished && !deliverReport(task, event, session, delegate)) return false;
+  bool finished = event.kind == TransferEvent::Kind::Finished;
+  if (finished) deliverReport(task, event, session, delegate);
   if (isAbandoned(session)) return false;  // told in the next launch
   ErrorPtr error = event.error;
   if (!event.resumeToken.empty()) {
@@ -303,9 +299,13 @@ bool SessionCore::deliverEnd(TransferTask& task, const TransferEvent& event,
   {
     MutexLock lock(mutex_);
     MutexLock taskLock(task.mutex_);
-    if (finished && task.state_ == URLSessionTaskState::Canceling) return false;
     if (task.state_ == URLSessionTaskState::Completed) return false;
-    task.state_ = URLSessionTaskState::Completed;
+    if (std::exchange(task.state_, URLSessionTaskState::Completed) ==
+        URLSessionTaskState::Canceling) {
+      finished = false;
+      const URLPtr url = task.request_->url();
+      error = urlError(URLErrorCancelled, "", url ? url->absoluteString() : "");
+    }
     task.error_ = error;
     task.wait_ = {};
   }

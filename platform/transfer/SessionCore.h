@@ -59,7 +59,7 @@ class SessionCore : public std::enable_shared_from_this<SessionCore> {
   void deliver(Item& item, const std::shared_ptr<URLSession>& session);
   void deliverProgress(TransferTask& task, const std::shared_ptr<URLSession>& session,
                        URLSessionDelegate& delegate);
-  bool deliverReport(TransferTask& task, const TransferEvent& event,
+  void deliverReport(TransferTask& task, const TransferEvent& event,
                      const std::shared_ptr<URLSession>& session, URLSessionDelegate& delegate);
   bool deliverEnd(TransferTask& task, const TransferEvent& event,
                   const std::shared_ptr<URLSession>& session, URLSessionDelegate& delegate);

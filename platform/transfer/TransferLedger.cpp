@@ -61,6 +61,11 @@ bool canBeContinued(const TransferContent& content) {
   return !content.validator.empty() || content.received == content.expected;
 }
 
+bool isCancelled(const TransferRecord& record) {
+  return record.stage == TransferStage::Failed && record.error &&
+         record.error->domain() == NSURLErrorDomain && record.error->code() == URLErrorCancelled;
+}
+
 TransferTaskInfo infoOf(const TransferRecord& record) {
   TransferTaskInfo info;
   info.id = record.id;
@@ -68,6 +73,7 @@ TransferTaskInfo infoOf(const TransferRecord& record) {
   info.description = record.description;
   info.running = record.running;
   info.stage = record.stage;
+  info.cancelled = isCancelled(record);
   info.response = record.content.response;
   info.received = record.content.received;
   info.expected = record.content.expected;
@@ -290,12 +296,14 @@ void TransferLedger::_doom(const PartialName& file) {
   if (file.generation > 0) doomed_.push_back(file);
 }
 
-// Also what finished meanwhile: the application does not know of that yet, and does not want it.
+// Also what finished or failed meanwhile: the application does not know of that yet, and does not
+// want it. The next launch has to see it as cancelled, too.
 void TransferLedger::_cancel(Entry& entry, std::vector<TransferEvent>& events) {
   auto& record = entry.record;
-  if (record.stage == TransferStage::Failed) return;
+  if (isCancelled(record)) return;
   _doom(record.content.file);
   dropContent(record.content);
+  record.resumeToken.clear();
   record.stage = TransferStage::Failed;
   record.error = urlError(URLErrorCancelled, "", urlOf(record));
   entry.factsChanged = true;

@@ -28,13 +28,18 @@ class FieldReader {
   std::string_view text_;
 };
 
+URLSessionTaskState stateOf(const TransferTaskInfo& info) {
+  if (info.cancelled) return URLSessionTaskState::Canceling;
+  return info.running ? URLSessionTaskState::Running : URLSessionTaskState::Suspended;
+}
+
 }  // namespace
 
 TransferTask::TransferTask(const TransferTaskInfo& info, std::weak_ptr<SessionCore> core)
     : id_(info.id),
       request_(info.request),
       core_(std::move(core)),
-      state_(info.running ? URLSessionTaskState::Running : URLSessionTaskState::Suspended),
+      state_(stateOf(info)),
       description_(info.description),
       response_(info.response),
       received_(info.received),
@@ -123,10 +128,11 @@ void TransferTask::change(TransferCall::Kind kind, std::optional<std::string> de
   if (kind == TransferCall::Kind::Resume || kind == TransferCall::Kind::Cancel) core->start();
 }
 
-// False when nothing changes.
+// False when nothing changes. A cancelled task only takes a description.
 bool TransferTask::_act(const TransferCall& call) {
   using State = URLSessionTaskState;
-  if (state_ == State::Completed || state_ == State::Canceling) return false;
+  if (state_ == State::Completed) return false;
+  if (state_ == State::Canceling && call.kind != TransferCall::Kind::SetDescription) return false;
   switch (call.kind) {
     case TransferCall::Kind::SetDescription:
       if (description_ == call.description) return false;

@@ -33,6 +33,7 @@ struct TransferTaskInfo {
   std::optional<std::string> description;
   bool running = false;  // the application wants it to transfer
   TransferStage stage = TransferStage::None;
+  bool cancelled = false;  // by the application, which was not told of the end yet
   HTTPResponsePtr response;
   int64_t received = 0;
   int64_t expected = URLSessionTransferSizeUnknown;
@@ -46,7 +47,7 @@ struct TransferCall {
     Resume,
     Suspend,
     Cancel,       // its content is dropped, it ends with URLErrorCancelled; also when it had
-                  // finished meanwhile
+                  // finished or failed meanwhile
     Acknowledge,  // its last event was delivered: the task and what is left of it are removed
   };
   Kind kind = Kind::Create;

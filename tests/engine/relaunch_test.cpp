@@ -127,12 +127,15 @@ TEST_F(Relaunch, FindsTheResourceOfEachTaskAndEndsTheOthers) {
       {"no such quality", "http://host/movie/v/2", identity("w", 1, 2), "idle selected downloaded"},
       {"no such index", "http://host/movie/v/2", identity("v", 9, 2), "idle selected downloaded"},
       {"another address", "http://host/movie/v/3", identity("v", 1, 2), "idle selected downloaded"},
+      {"cancelled", "http://host/movie/v/2", identity("v", 1, 2), "idle selected downloaded"},
       {"another range", "http://host/movie/v/2", identity("v", 1, 2) + " ", nullptr},
   };
   for (const Row& row : rows) {
     world.storeManifest(kMovie);
     const bool ranged = std::string(row.why) == "another range";
-    leaveTask(row.url, ranged ? identity("v", 1, 2) : row.description, true, ranged ? "t" : "");
+    const auto left =
+        leaveTask(row.url, ranged ? identity("v", 1, 2) : row.description, true, ranged ? "t" : "");
+    if (std::string(row.why) == "cancelled") left->cancel();
     const auto set = launched();
     const std::string state = ranged ? "idle selected downloaded" : row.state ? row.state : "";
     EXPECT_EQ(set ? render(*set).substr(0, state.size()) : "", state) << row.why;

@@ -192,19 +192,34 @@ TEST_F(Resource, BringsAReattachedTaskToTheRecordedStatus) {
   EXPECT_FALSE(resource->reattachWithStatus(QNDownloadStatusRunning, cancelled));
 }
 
+// Resume data are there for as long as the call lasts that tells of them.
 TEST_F(Resource, ContinuesFromResumeDataWithoutTouchingTheOriginalRequest) {
+  struct Telling : platform::URLSessionDelegate {
+    void URLSessionTaskDidCompleteWithError(
+        const std::shared_ptr<platform::URLSession>&,
+        const std::shared_ptr<platform::URLSessionDownloadTask>&,
+        const platform::ErrorPtr& error) override {
+      const auto data = std::any_cast<platform::DataPtr>(
+          error->userInfo().at(platform::NSURLSessionDownloadTaskResumeData));
+      resource->completeWithError(error);
+      resource->setAdditionalHeaders(std::make_shared<QNHeaders>(QNHeaders{{"X-A", "2"}}));
+      EXPECT_TRUE(resource->reactivateWithData(data));
+    }
+    std::shared_ptr<QNResourceDownloadInfo> resource;
+  };
+  const auto telling = std::make_shared<Telling>();
+  controller->session = qntest::ScriptedSession::open(
+      std::make_shared<qntest::ScriptedStore>(), controller->session->configuration(), telling);
   make("seg/1", 0, QNDownloadSizeUnknown);
+  telling->resource = resource;
   resource->setAdditionalHeaders(std::make_shared<QNHeaders>(QNHeaders{{"X-A", "1"}}));
   ASSERT_TRUE(resource->activate() && resource->resume());
   const auto task = resource->downloadTask();
   auto& session = *controller->session;
   ASSERT_TRUE(session.respond(task, 200, 30) && session.deliver(task, "0123456789"));
   ASSERT_TRUE(session.fail(task, -1005, true));
-  const auto data = std::any_cast<platform::DataPtr>(
-      task->error()->userInfo().at(platform::NSURLSessionDownloadTaskResumeData));
-  resource->completeWithError(task->error());
-  resource->setAdditionalHeaders(std::make_shared<QNHeaders>(QNHeaders{{"X-A", "2"}}));
-  ASSERT_TRUE(resource->reactivateWithData(data));
+  ASSERT_GT(session.deliverEvents(), 0U);
+  ASSERT_NE(resource->downloadTask(), nullptr);
   EXPECT_EQ(resource->downloadTask()->countOfBytesReceived(), 10);
   EXPECT_EQ(resource->downloadTask()->originalRequest()->valueForHTTPHeaderField("X-A"), "1");
 }

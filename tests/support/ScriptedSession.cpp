@@ -197,18 +197,19 @@ ScriptedSession::Tasks ScriptedSession::tasks() const {
 }
 
 ScriptedSession::Tasks ScriptedSession::runningTasks() const {
-  Tasks running;
+  Lock lock(store_->mutex_);
+  Tasks found;
   for (const Task& task : tasks()) {
-    if (task->state() == URLSessionTaskState::Running) running.push_back(task);
+    if (running(task)) found.push_back(task);
   }
-  return running;
+  return found;
 }
 
 ScriptedSession::Task ScriptedSession::taskForURL(const std::string& ending) const {
-  for (const Task& task : tasks()) {
+  Lock lock(store_->mutex_);
+  for (const auto& [identifier, task] : tasks_) {
     const auto request = task->originalRequest();
-    const bool open = task->state() == URLSessionTaskState::Running ||
-                      task->state() == URLSessionTaskState::Suspended;
+    const bool open = task->record_.outcome == ScriptedRecord::Outcome::None;
     if (open && request->url() && endsWith(request->url()->absoluteString(), ending)) return task;
   }
   return nullptr;
@@ -216,10 +217,12 @@ ScriptedSession::Task ScriptedSession::taskForURL(const std::string& ending) con
 
 // The network
 
-std::shared_ptr<ScriptedTask> ScriptedSession::running(const Task& task) {
+std::shared_ptr<ScriptedTask> ScriptedSession::running(const Task& task) const {
   const auto scripted = std::static_pointer_cast<ScriptedTask>(task);
   const bool mine = scripted && tasks_.contains(scripted->identifier_);
-  return mine && scripted->record_.state == URLSessionTaskState::Running ? scripted : nullptr;
+  const bool transfers = mine && scripted->record_.state == URLSessionTaskState::Running &&
+                         scripted->record_.outcome == ScriptedRecord::Outcome::None;
+  return transfers ? scripted : nullptr;
 }
 
 bool ScriptedSession::respond(const Task& task, int status, int64_t bodyBytes,
@@ -256,7 +259,6 @@ bool ScriptedSession::finish(const Task& task) {
   record.file = store_->directory_.path(std::to_string(scripted->identifier_) + ".body");
   std::ofstream(record.file, std::ios::binary) << record.body;
   record.outcome = ScriptedRecord::Outcome::Finished;
-  record.state = URLSessionTaskState::Completed;
   changed(scripted->identifier_);
   offerFile(scripted);
   complete(scripted, nullptr);
@@ -285,7 +287,6 @@ bool ScriptedSession::failWithError(const Task& task, platform::ErrorPtr error) 
   if (!scripted) return false;
   scripted->record_.outcome = ScriptedRecord::Outcome::Failed;
   scripted->record_.error = error;
-  scripted->record_.state = URLSessionTaskState::Completed;
   changed(scripted->identifier_);
   complete(scripted, std::move(error));
   return true;
@@ -332,7 +333,7 @@ void ScriptedSession::offerFile(const std::shared_ptr<ScriptedTask>& task) {
                            session.lock(), task, platform::URL::fileURLWithPath(file));
                        unlink(file.c_str());
                      },
-                     false});
+                     true});
 }
 
 void ScriptedSession::complete(const std::shared_ptr<ScriptedTask>& task,
@@ -342,7 +343,7 @@ void ScriptedSession::complete(const std::shared_ptr<ScriptedTask>& task,
                      [session, task, error = std::move(error)](const auto& delegate) {
                        delegate->URLSessionTaskDidCompleteWithError(session.lock(), task, error);
                      },
-                     true});
+                     true, true});
 }
 
 size_t ScriptedSession::pendingEvents() const {
@@ -370,7 +371,7 @@ bool ScriptedSession::deliverEvent() {
     events_.pop_front();
     deliverer_ = std::this_thread::get_id();
     const auto task = tasks_.find(next.task);
-    if (next.last && task != tasks_.end())
+    if (next.ends && task != tasks_.end())
       task->second->record_.state = URLSessionTaskState::Completed;
   }
   if (const auto delegate = delegate_.lock()) next.event(delegate);
@@ -435,6 +436,7 @@ std::optional<std::string> ScriptedTask::taskDescription() const {
 
 void ScriptedTask::setTaskDescription(std::optional<std::string> description) {
   std::lock_guard lock(store_->mutex_);
+  if (record_.state == URLSessionTaskState::Completed) return;
   record_.description = std::move(description);
   if (const auto session = session_.lock()) session->changed(identifier_);
 }
@@ -498,7 +500,10 @@ void ScriptedTask::cancel() {
   record_.error = urlError(platform::URLErrorCancelled);
   record_.outcome = ScriptedRecord::Outcome::Failed;
   record_.body.clear();
+  store_->resumable_.erase(record_.resumeKey);
   setState(URLSessionTaskState::Canceling);
+  // What was not told yet, an end too, never will be.
+  std::erase_if(session->events_, [this](const auto& event) { return event.task == identifier_; });
   session->complete(shared_from_this(), record_.error);
 }
 

@@ -121,6 +121,7 @@ class ScriptedSession : public platform::URLSession {
   struct Queued {
     uint64_t task = 0;  // 0: of none
     Event event;
+    bool ends = false;  // the task is completed when this is told
     bool last = false;  // of its task
   };
 
@@ -129,7 +130,7 @@ class ScriptedSession : public platform::URLSession {
                   std::weak_ptr<platform::URLSessionDelegate> delegate);
   void recover();
   std::shared_ptr<ScriptedTask> makeTask(ScriptedRecord record);
-  std::shared_ptr<ScriptedTask> running(const Task& task);
+  std::shared_ptr<ScriptedTask> running(const Task& task) const;
   void report(const std::shared_ptr<ScriptedTask>& task, int64_t bytesNow);
   void offerFile(const std::shared_ptr<ScriptedTask>& task);
   void complete(const std::shared_ptr<ScriptedTask>& task, platform::ErrorPtr error);

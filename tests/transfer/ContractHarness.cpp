@@ -129,6 +129,7 @@ platform::URLSession::Tasks Application::launch(
   session = harness_.open(recorder);
   struct Answer {
     platform::URLSession::Tasks tasks;
+    std::map<uint64_t, std::string> offered;
     bool given = false;
   };
   const auto answer = std::make_shared<Answer>();
@@ -136,9 +137,14 @@ platform::URLSession::Tasks Application::launch(
       [answer, seen = recorder](const platform::URLSession::Tasks& tasks) {
         EXPECT_EQ(seen->log(), "")
             << "an event came before the first request for the tasks was answered";
-        *answer = {tasks, true};
+        *answer = {tasks, {}, true};
+        for (const auto& task : tasks)
+          answer->offered[task->taskIdentifier()] =
+              "state " + std::to_string(static_cast<int>(task->state())) + ", " +
+              task->taskDescription().value_or("no description");
       });
   EXPECT_TRUE(answer->given) << "the first request for the tasks was not answered inside the call";
+  offered = answer->offered;
   return answer->tasks;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -125,6 +126,8 @@ class Application {
 
   SessionPtr session;
   std::shared_ptr<SessionRecorder> recorder;
+  // The tasks as they were inside the answer of the last launch.
+  std::map<uint64_t, std::string> offered;
 
  private:
   ContractHarness& harness_;

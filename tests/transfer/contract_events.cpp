@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -214,8 +216,8 @@ TEST_P(SessionContract, MayBeDroppedInsideEveryCall) {
   }
 }
 
-// The queue is held in a call for one task while two others end; then the application drops the
-// session in that call.
+// The queue is held in a call for one task while others end or are cancelled, also one that had
+// failed and one that had finished; then the application drops the session in that call.
 TEST_P(SessionContract, DeliversInTheNextLaunchWhatWasNotAcknowledged) {
   harness->serve("/first", 100);
   harness->serveHeld("/whole", kSize, 0);
@@ -237,13 +239,29 @@ TEST_P(SessionContract, DeliversInTheNextLaunchWhatWasNotAcknowledged) {
   auto gone = app.start("/gone");
   const uint64_t wholeId = whole->taskIdentifier();
   const uint64_t goneId = gone->taskIdentifier();
+  harness->serveHeld("/unwanted", kSize, 0);
+  auto unwanted = app.start("/unwanted");
+  auto failed = app.session->downloadTaskWithRequest(platform::URLRequest::requestWithURL(nullptr));
   blocking->resume();
   ASSERT_TRUE(app.recorder->waitUntil([&] { return gate.reached(); }));
-  gone->cancel();
+  failed->resume();
+  harness->release("/unwanted");
+  EXPECT_TRUE(app.recorder->waitUntil(
+      [&] { return unwanted->countOfBytesReceived() == static_cast<int64_t>(kSize); }));
+  for (const auto& task : {gone, unwanted, failed}) {
+    EXPECT_EQ(task->state(), URLSessionTaskState::Running);
+    task->setTaskDescription("described");
+    task->cancel();
+    task->setTaskDescription(std::nullopt);
+    EXPECT_EQ(task->state(), URLSessionTaskState::Canceling);
+    EXPECT_EQ(task->taskDescription(), std::nullopt);
+  }
+  const std::set<uint64_t> cancelled = {goneId, unwanted->taskIdentifier(),
+                                        failed->taskIdentifier()};
   harness->release("/whole");
   EXPECT_TRUE(app.recorder->waitUntil(
       [&] { return whole->countOfBytesReceived() == static_cast<int64_t>(kSize); }));
-  blocking = whole = gone = nullptr;
+  blocking = whole = gone = unwanted = failed = nullptr;
   const auto seen = app.recorder;
   gate.open();
   ASSERT_TRUE(seen->waitUntil([&] { return dropped.load(); }));
@@ -256,13 +274,16 @@ TEST_P(SessionContract, DeliversInTheNextLaunchWhatWasNotAcknowledged) {
   });
   EXPECT_EQ(seen->of(wholeId).files.size() + seen->of(goneId).completions.size(), 0U)
       << seen->log();
-  EXPECT_EQ(tasks.size(), 2U) << "a task counts until its last event was delivered";
+  EXPECT_EQ(tasks.size(), 4U) << "a task counts until its last event was delivered";
+  for (const uint64_t id : cancelled)
+    EXPECT_EQ(app.offered[id], "state 2, no description") << id;
   const auto events = app.completed(wholeId);
   EXPECT_EQ(events.summary(), "wfc 200");
   EXPECT_TRUE(events.reports.at(0).first()) << "a replayed file starts with its first report";
   EXPECT_EQ(events.reports.back().total, static_cast<int64_t>(kSize));
   EXPECT_EQ(compareWithContent(events.files.at(0), "/whole", 0, kSize), "");
-  EXPECT_EQ(app.completed(goneId).summary().substr(0, 6), "c -999");
+  for (const uint64_t id : cancelled)
+    EXPECT_EQ(app.completed(id).summary().substr(0, 6), "c -999");
   EXPECT_TRUE(app.recorder->waitForEndOfEvents());
   const std::string log = app.recorder->log();
   EXPECT_EQ(log.find("end of events\n"), log.size() - 14)

@@ -364,7 +364,7 @@ bool ServiceBackend::takeEvents(std::vector<TransferEvent>&& events) {
     std::erase_if(events, [this](TransferEvent& event) REQUIRES(mutex_) {
       if (_isOld(event)) return true;
       if (event.kind == TransferEvent::Kind::Finished || event.kind == TransferEvent::Kind::Failed)
-        toldEndings_[event.task] = event.kind;
+        toldEndings_.insert(event.task);
       // A new service counts responses from the start.
       event.responseNumber += connections_ << 40;
       return false;
@@ -375,13 +375,9 @@ bool ServiceBackend::takeEvents(std::vector<TransferEvent>&& events) {
   return true;
 }
 
-// Of a task that was acknowledged while the service was away, or an ending that was told before it.
-// What had finished can still fail: when the application cancels it before it knows.
+// Of a task that was acknowledged while the service was away, or whose end was told before.
 bool ServiceBackend::_isOld(const TransferEvent& event) const {
-  if (!known_.contains(event.task)) return true;
-  const auto told = toldEndings_.find(event.task);
-  if (told == toldEndings_.end()) return false;
-  return told->second == TransferEvent::Kind::Failed || event.kind != TransferEvent::Kind::Failed;
+  return !known_.contains(event.task) || toldEndings_.contains(event.task);
 }
 
 bool ServiceBackend::reconnect() {
@@ -453,7 +449,7 @@ std::vector<TransferEvent> ServiceBackend::_lostTasks(const std::vector<Transfer
     lost.push_back(std::move(event));
   }
   for (const auto& event : lost)
-    toldEndings_[event.task] = event.kind;
+    toldEndings_.insert(event.task);
   return lost;
 }
 

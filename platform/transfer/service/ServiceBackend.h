@@ -8,7 +8,6 @@
 #include <set>
 #include <string>
 #include <thread>
-#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -106,8 +105,8 @@ class ServiceBackend final : public TransferBackend {
   std::set<uint64_t> asked_ GUARDED_BY(mutex_);  // whose answers somebody waits for
   uint64_t lastDone_ GUARDED_BY(mutex_) = 0;
   std::unordered_set<TransferTaskId> known_ GUARDED_BY(mutex_);  // made or listed, not acknowledged
-  std::unordered_map<TransferTaskId, TransferEvent::Kind> toldEndings_
-      GUARDED_BY(mutex_);  // of those, handed to the sink
+  // Of those whose ends were handed to the sink.
+  std::unordered_set<TransferTaskId> toldEndings_ GUARDED_BY(mutex_);
   bool _isOld(const TransferEvent& event) const REQUIRES(mutex_);
   uint64_t connections_ GUARDED_BY(mutex_) = 0;
   // Task numbers: those in use, and those that were asked for in time (`reserving_`, 0: none were).

@@ -293,6 +293,7 @@ void writeTask(WireWriter& out, const TransferTaskInfo& task) {
   writeOptional(out, task.description);
   out.boolean(task.running);
   out.u8(static_cast<uint8_t>(task.stage));
+  out.boolean(task.cancelled);
   writeResponse(out, task.response);
   out.i64(task.received);
   out.i64(task.expected);
@@ -305,6 +306,7 @@ TransferTaskInfo readTask(WireReader& in) {
   task.description = readOptional(in);
   task.running = in.boolean();
   task.stage = readEnum(in, TransferStage::Failed);
+  task.cancelled = in.boolean();
   task.response = readResponse(in);
   task.received = in.i64();
   task.expected = in.i64();
@@ -460,7 +462,7 @@ Message readBody(WireReader& in) {
       opened.refusal = in.text();
       opened.held = in.boolean();
       opened.more = in.boolean();
-      opened.tasks = readList<TransferTaskInfo>(in, 29, readTask);
+      opened.tasks = readList<TransferTaskInfo>(in, 30, readTask);
       return opened;
     }
     case Kind::Started:

@@ -17,7 +17,7 @@
 namespace platform::service {
 
 // Counts up whenever a message changes. The hello before it never changes.
-inline constexpr uint32_t kProtocolVersion = 2;
+inline constexpr uint32_t kProtocolVersion = 3;
 // A longer frame ends the connection.
 inline constexpr uint32_t kMaximumFrame = 16u << 20;
 
