@@ -25,9 +25,20 @@
 namespace cli {
 namespace {
 
+// What the file system said where it kept a set from being made; nullopt for any other error.
+std::optional<std::string> refusalIn(const platform::Error& error) {
+  const auto entry = error.userInfo().find(QNUnderlyingErrorKey);
+  const auto* cause =
+      entry == error.userInfo().end() ? nullptr : std::any_cast<platform::ErrorPtr>(&entry->second);
+  if (!cause || !*cause) return std::nullopt;
+  return error.localizedDescription() + ": " + (*cause)->localizedDescription();
+}
+
 // A set that could not be made: the manifest's fault, or the file system's.
 [[noreturn]] void failStoring(const std::string& url, const platform::ErrorPtr& error) {
   const std::string reason = error ? error->localizedDescription() : "unknown failure";
+  if (const auto refusal = error ? refusalIn(*error) : std::nullopt)
+    throw Failure(ExitCannotWrite, "Cannot store " + url + ": " + *refusal);
   if (error && error->domain() == QNPlaylistFactoryErrorDomain) {
     throw Failure(ExitManifest, url + " is not a usable manifest: " + reason);
   }
@@ -190,11 +201,17 @@ class DownloadCommand {
   std::shared_ptr<QNMovieDownloadSet> _storedSet(QNMovieDownloader& downloader) {
     std::shared_ptr<QNMovieDownloadSet> stored;
     std::string reason = "it cannot be read";
+    std::optional<std::string> refused;
     downloader.fetchDownloadSetForURL(url_, [&](const auto& set, const platform::ErrorPtr& error) {
       stored = set;
-      if (error) reason = error->localizedDescription();
+      if (!error) return;
+      reason = error->localizedDescription();
+      refused = refusalIn(*error);
     });
     if (stored) return stored;
+    // What the file system refuses now may be whole.
+    if (refused)
+      throw Failure(ExitCannotWrite, "Cannot open " + place_.directory + ": " + *refused);
     throw Failure(ExitManifest, "The stored manifest in " + place_.directory +
                                     " is not usable: " + reason + " (qnmovie remove starts over)");
   }

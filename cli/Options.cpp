@@ -124,6 +124,8 @@ void complete(Parsed& parsed) {
     const auto url = platform::URL::URLWithString(text);
     if (!url || !url->isHTTP()) throw Failure(ExitUsage, text + " is not an http or https URL");
   };
+  if (options.command == Command::Download)
+    options.target = platform::URL::encodingInvalidBytes(options.target);  // as it is stored
   if (!options.url.empty()) checkURL(options.url);
   if (options.command == Command::Download) checkURL(options.target);
 }

@@ -27,6 +27,11 @@ bool isOutOfRoom(const platform::Error& error) {
          error.code() == EIO;
 }
 
+void logUnread(const platform::ErrorPtr& error) {
+  QNEngineLog(QNLogLevelError, "Error: Failed to open JSON file for reading: %@",
+              error->localizedDescription());
+}
+
 [[noreturn]] void failInconsistently(const char* description, int64_t line) {
   throw platform::Exception(platform::NSInternalInconsistencyException, description,
                             {{"source", std::string("QNMovieDownloadProperties")}, {"line", line}});
@@ -37,19 +42,49 @@ bool hasString(const JSON& json, const char* key, const std::string& value) {
   return member && member->string() == value;
 }
 
-// The objects that are alive, by the path of their file.
-struct Registry {
-  platform::Mutex mutex;
-  std::map<std::string, std::weak_ptr<QNMutableMovieDownloadProperties>> objects GUARDED_BY(mutex);
-};
-
-// Never destroyed: objects may outlive static ones.
-Registry& registry() {
-  static auto* const instance = new Registry;
-  return *instance;
+// What is no regular file cannot be a properties file, whenever it is looked at.
+bool isNoFile(const platform::Error& error) {
+  return error.code() == EISDIR || error.code() == EINVAL || error.code() == ELOOP;
 }
 
 }  // namespace
+
+// The objects that are alive, by the path of their file without links. A file system may know a
+// directory by several of these (names that differ in case, a directory that is mounted twice), so
+// they are found by the directory itself as well.
+struct QNMutableMovieDownloadProperties::Registry {
+  using WeakObject = std::weak_ptr<QNMutableMovieDownloadProperties>;
+  platform::Mutex mutex;
+  std::map<std::string, WeakObject> byFile GUARDED_BY(mutex);
+  std::map<Location, WeakObject> byLocation GUARDED_BY(mutex);
+
+  // The object's directory is found here from now on.
+  void move(const Object& object, Location location) REQUIRES(mutex);
+
+  template <class Map, class Key>
+  static void eraseExpired(Map& map, const Key& key) {
+    const auto entry = map.find(key);
+    // Another object may have taken the entry since the last reference to this one was dropped.
+    if (entry != map.end() && entry->second.expired()) map.erase(entry);
+  }
+};
+
+void QNMutableMovieDownloadProperties::Registry::move(const Object& object, Location location) {
+  if (object->location_ == location) return;
+  const auto before = object->location_ ? byLocation.find(*object->location_) : byLocation.end();
+  const auto isOf = [&](const WeakObject& entry) {
+    return !entry.owner_before(object) && !object.owner_before(entry);
+  };
+  if (before != byLocation.end() && isOf(before->second)) byLocation.erase(before);
+  byLocation[location] = object;
+  object->location_ = std::move(location);
+}
+
+// Never destroyed: objects may outlive static ones.
+QNMutableMovieDownloadProperties::Registry& QNMutableMovieDownloadProperties::registry() {
+  static auto* const instance = new Registry;
+  return *instance;
+}
 
 std::shared_ptr<QNMovieDownloadProperties> QNMovieDownloadProperties::propertiesWithLocalPath(
     const std::string& localPath, const std::string& jsonName) {
@@ -59,17 +94,21 @@ std::shared_ptr<QNMovieDownloadProperties> QNMovieDownloadProperties::properties
 QNMovieDownloadProperties::QNMovieDownloadProperties(std::string localPath,
                                                      const std::string& jsonName)
     : localPath_(std::move(localPath)),
-      jsonPath_(FileManager::pathByAppending(localPath_, jsonName)) {}
+      jsonPath_(FileManager::pathByAppending(localPath_, jsonName)),
+      file_(FileManager::pathByAppending(FileManager::defaultManager().canonicalPath(localPath_),
+                                         jsonName)) {}
 
 QNMovieDownloadProperties::~QNMovieDownloadProperties() = default;
 
-bool QNMovieDownloadProperties::_readJSON() {
+bool QNMovieDownloadProperties::_readJSON(platform::ErrorPtr* unread) {
   platform::ErrorPtr failure;
-  const auto bytes =
-      FileManager::defaultManager().contentsAtPath(jsonPath_, kLongestFile, &failure);
+  const auto bytes = FileManager::defaultManager().contentsAtPath(file_, kLongestFile, &failure);
   if (!bytes) {
-    QNEngineLog(QNLogLevelError, "Error: Failed to open JSON file for reading: %@",
-                failure ? failure->localizedDescription() : jsonPath_);
+    if (unread && failure && !isNoFile(*failure)) {
+      *unread = std::move(failure);
+      return false;
+    }
+    logUnread(failure);
     return false;
   }
   std::string message;
@@ -155,57 +194,75 @@ QNMutableMovieDownloadProperties::QNMutableMovieDownloadProperties(std::string l
 
 QNMutableMovieDownloadProperties::~QNMutableMovieDownloadProperties() {
   platform::MutexLock lock(registry().mutex);
-  const auto entry = registry().objects.find(jsonPath_);
-  // Another object may have taken the entry since the last reference to this one was dropped.
-  if (entry != registry().objects.end() && entry->second.expired()) registry().objects.erase(entry);
+  Registry::eraseExpired(registry().byFile, file_);
+  if (location_) Registry::eraseExpired(registry().byLocation, *location_);
 }
 
 std::shared_ptr<QNMutableMovieDownloadProperties> QNMutableMovieDownloadProperties::sharedObject(
     const std::string& localPath, const std::string& jsonName) {
-  std::shared_ptr<QNMutableMovieDownloadProperties> object(
-      new QNMutableMovieDownloadProperties(localPath, jsonName));
-  std::shared_ptr<QNMutableMovieDownloadProperties> known;
-  {
-    platform::MutexLock lock(registry().mutex);
-    auto& entry = registry().objects[object->jsonPath_];
-    known = entry.lock();
-    if (!known) entry = object;
+  auto& files = FileManager::defaultManager();
+  Object object(new QNMutableMovieDownloadProperties(localPath, jsonName));
+  const auto directory = files.identityOf(localPath);
+  Object known;
+  Object elsewhere;  // like the others it goes without the registry's lock held
+  platform::MutexLock lock(registry().mutex);
+  auto& byFile = registry().byFile;
+  auto& byLocation = registry().byLocation;
+  if (const auto entry = byFile.find(object->file_); entry != byFile.end())
+    known = entry->second.lock();
+  if (!known && directory) {
+    const auto entry = byLocation.find({*directory, jsonName});
+    if (entry != byLocation.end()) elsewhere = entry->second.lock();
+    // The numbers of a directory that is gone are used again.
+    if (elsewhere && files.identityOf(elsewhere->localPath_) == directory) known = elsewhere;
   }
-  return known ? known : object;  // the spare one goes without the registry's lock held
+  if (!known) {
+    known = object;
+    byFile[object->file_] = object;
+  }
+  if (directory) registry().move(known, {*directory, jsonName});
+  return known;
 }
 
 std::shared_ptr<QNMutableMovieDownloadProperties>
 QNMutableMovieDownloadProperties::propertiesWithLocalPath(const std::string& localPath,
-                                                          const std::string& jsonName) {
+                                                          const std::string& jsonName,
+                                                          platform::ErrorPtr* unread) {
   const auto object = sharedObject(localPath, jsonName);
   RecursiveLock lock(object->mutex_);
-  return object->reread() ? object : nullptr;
+  return object->unwritten_ || object->_readJSON(unread) ? object : nullptr;
 }
 
 std::shared_ptr<QNMutableMovieDownloadProperties>
 QNMutableMovieDownloadProperties::propertiesWithSourceURL(const std::string& sourceURL,
                                                           const std::string& localPath,
                                                           const std::string& manifestName,
-                                                          const std::string& jsonName) {
+                                                          const std::string& jsonName,
+                                                          platform::ErrorPtr* unread) {
   const auto object = sharedObject(localPath, jsonName);
+  platform::ErrorPtr ignored;
   RecursiveLock lock(object->mutex_);
-  return object->open(sourceURL, manifestName) ? object : nullptr;
-}
-
-bool QNMutableMovieDownloadProperties::reread() {
-  return unwritten_ || _readJSON();
+  return object->open(sourceURL, manifestName, unread ? unread : &ignored) ? object : nullptr;
 }
 
 bool QNMutableMovieDownloadProperties::open(const std::string& sourceURL,
-                                            const std::string& manifestName) {
-  if (FileManager::defaultManager().fileExistsAtPath(jsonPath_)) {
-    if (!reread()) return false;
+                                            const std::string& manifestName,
+                                            platform::ErrorPtr* unread) {
+  const bool memoryIsNewer = unwritten_ && FileManager::defaultManager().fileExistsAtPath(file_);
+  if (memoryIsNewer || _readJSON(unread)) {
     if (!hasString(properties_, QNSourceURLKey, sourceURL))
       failInconsistently("Error: Mismatching source URLs", 264);
     if (!hasString(properties_, QNManifestNameKey, manifestName))
       failInconsistently("Error: Mismatching manifest names", 266);
     return true;
   }
+  // Only what is known to be absent is started anew.
+  if (!*unread) return false;
+  if ((*unread)->code() != ENOENT) {
+    logUnread(*unread);
+    return false;
+  }
+  *unread = nullptr;
   // Whoever still holds the object of a download that was removed sees the new one from here on.
   properties_ = JSON::object();
   properties_.set(QNSourceURLKey, sourceURL);
@@ -217,7 +274,7 @@ bool QNMutableMovieDownloadProperties::open(const std::string& sourceURL,
 bool QNMutableMovieDownloadProperties::_writeJSON() {
   const std::string text = properties_.dump();
   const auto failure =
-      FileManager::defaultManager().writeAtomically(jsonPath_, text.data(), text.size());
+      FileManager::defaultManager().writeAtomically(file_, text.data(), text.size());
   unwritten_ = failure != nullptr;
   if (!failure) return true;
   // The two failures have had different levels from the start.

@@ -4,9 +4,12 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "platform/Error.h"
 #include "platform/Export.h"
+#include "platform/FileManager.h"
 #include "platform/JSON.h"
 #include "platform/Mutex.h"
 
@@ -30,8 +33,9 @@ inline constexpr const char* QNDownloadedQualityIdentifiersKey =
 // Reads a properties file. Thread-safe: each object is a lock of its own, held over file work.
 //
 // Every object that is handed out is of the mutable kind, and while one lives it is the only one
-// for its file: a second reader gets the same object, brought up to date with the file. So the list
-// of downloads and an active set never overwrite each other's changes.
+// for its file, whatever path leads to the directory: a second reader gets the same object, brought
+// up to date with the file. So the list of downloads and an active set never overwrite each other's
+// changes. `localPath` is the directory as the first reader called it.
 class QN_EXPORT QNMovieDownloadProperties
     : public std::enable_shared_from_this<QNMovieDownloadProperties> {
  public:
@@ -63,10 +67,12 @@ class QN_EXPORT QNMovieDownloadProperties
  protected:
   QNMovieDownloadProperties(std::string localPath, const std::string& jsonName);
 
-  [[nodiscard]] bool _readJSON() REQUIRES(mutex_);
+  // With `unread` a file that cannot be read at all is told there instead of logged.
+  [[nodiscard]] bool _readJSON(platform::ErrorPtr* unread = nullptr) REQUIRES(mutex_);
 
   const std::string localPath_;
   const std::string jsonPath_;
+  const std::string file_;  // the same without links: what is read and written
   mutable platform::RecursiveMutex mutex_;
   platform::JSON properties_ GUARDED_BY(mutex_) = platform::JSON::object();
 
@@ -79,15 +85,21 @@ class QN_EXPORT QNMovieDownloadProperties
 // returns; a write that fails is logged and the value kept in memory.
 class QN_EXPORT QNMutableMovieDownloadProperties final : public QNMovieDownloadProperties {
  public:
+  // In both, `unread` (may be null) is set when the file could not be read, to what the file system
+  // said (ENOENT: there is none); nothing is known of what is in it then. Null there with a null
+  // result: it was read, or is no file, and is not usable.
+  //
   // Reads the file when there is one and starts one otherwise. Null when an existing file cannot be
   // read. A file of another source URL or manifest name is an inconsistency of this program:
   // NSInternalInconsistencyException "Error: Mismatching source URLs" or "Error: Mismatching
   // manifest names".
   static std::shared_ptr<QNMutableMovieDownloadProperties> propertiesWithSourceURL(
       const std::string& sourceURL, const std::string& localPath, const std::string& manifestName,
-      const std::string& jsonName);
+      const std::string& jsonName, platform::ErrorPtr* unread = nullptr);
+  // A file that cannot be read is logged only when there is no `unread` to tell it.
   static std::shared_ptr<QNMutableMovieDownloadProperties> propertiesWithLocalPath(
-      const std::string& localPath, const std::string& jsonName);
+      const std::string& localPath, const std::string& jsonName,
+      platform::ErrorPtr* unread = nullptr);
 
   ~QNMutableMovieDownloadProperties() override;
 
@@ -111,11 +123,17 @@ class QN_EXPORT QNMutableMovieDownloadProperties final : public QNMovieDownloadP
  private:
   QNMutableMovieDownloadProperties(std::string localPath, const std::string& jsonName);
   void setNumberForKey(uint64_t count, const char* key);
-  [[nodiscard]] bool reread() REQUIRES(mutex_);
-  [[nodiscard]] bool open(const std::string& sourceURL, const std::string& manifestName)
-      REQUIRES(mutex_);
+  [[nodiscard]] bool open(const std::string& sourceURL, const std::string& manifestName,
+                          platform::ErrorPtr* unread) REQUIRES(mutex_);
   static std::shared_ptr<QNMutableMovieDownloadProperties> sharedObject(
       const std::string& localPath, const std::string& jsonName);
+  using Object = std::shared_ptr<QNMutableMovieDownloadProperties>;
+  struct Registry;
+  static Registry& registry();
+
+  // In which directory the file was found last, and its name; guarded by the registry's lock.
+  using Location = std::pair<platform::FileManager::Identity, std::string>;
+  std::optional<Location> location_;
 
   bool writeQueued_ GUARDED_BY(mutex_) = false;
   bool unwritten_ GUARDED_BY(mutex_) = false;  // the last write failed: memory is newer

@@ -53,8 +53,10 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
   };
 
   // Made by the downloader. Lists every quality's resources (and throws what their builders throw),
-  // opens the properties file (one that cannot be read is set aside as "<name>.damaged") and picks
-  // up what lies in the directory. Throws "QNMovieDownloadSetException" "Playlist has no movie".
+  // opens the properties file (one that is not usable is set aside as "<name>.damaged") and picks
+  // up what lies in the directory. Throws "QNMovieDownloadSetException": "Playlist has no movie",
+  // "Properties file can neither be read nor replaced", and "Properties file cannot be read" (user
+  // info "NSError") while the file system refuses it: then nothing is changed.
   static std::shared_ptr<QNMovieDownloadSet> downloadSetWithPlaylist(
       std::shared_ptr<QNPlaylist> playlist, const std::string& downloadPath,
       const std::string& manifestName, const std::string& sourceURL, const std::string& downloadId,

@@ -118,18 +118,24 @@ void QNMovieDownloadSet::listQualities(const std::shared_ptr<QNSessionController
 }
 
 void QNMovieDownloadSet::openProperties(const std::string& manifestName) {
+  platform::ErrorPtr unread;
   const auto open = [&] {
     return QNMutableMovieDownloadProperties::propertiesWithSourceURL(
-        sourceURL_, downloadPath_, manifestName, QNMoviePropertiesFileName);
+        sourceURL_, downloadPath_, manifestName, QNMoviePropertiesFileName, &unread);
   };
   properties_ = open();
-  if (!properties_) {
-    // What cannot be read is kept for a person to look at.
+  if (!properties_ && !unread) {
+    // What was read and is not usable is kept for a person to look at.
     const std::string path = FileManager::pathByAppending(downloadPath_, QNMoviePropertiesFileName);
     QNEngineLog(QNLogLevelError, "Error: Setting damaged properties file aside: %@",
                 path + kDamagedSuffix);
     (void)FileManager::defaultManager().moveItem(path, path + kDamagedSuffix);
     properties_ = open();
+  }
+  if (unread) {
+    // It may be whole: nothing is put in its place.
+    throw platform::Exception(QNMovieDownloadSetException, "Properties file cannot be read",
+                              {{"NSError", std::move(unread)}});
   }
   if (!properties_) misuse("Properties file can neither be read nor replaced");
   places_->setProperties(properties_);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <any>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <random>
 #include <string_view>
@@ -418,9 +419,9 @@ QNMovieDownloader::Set QNMovieDownloader::activeOrStoredSet(const std::string& u
   const auto playlist =
       QNPlaylistFactory::generateWithFile(FileManager::pathByAppending(directory, name), error);
   if (!playlist) return nullptr;
-  const std::string sourceURL = settledSourceURL(url, directory, name);
-  playlist->setUrl(sourceURL);
   try {
+    const std::string sourceURL = settledSourceURL(url, directory, name);
+    playlist->setUrl(sourceURL);
     return _downloadSetWithPlaylist(playlist, directory, name, sourceURL, downloadId);
   } catch (...) {
     *error = errorOfCurrentException();
@@ -430,15 +431,21 @@ QNMovieDownloader::Set QNMovieDownloader::activeOrStoredSet(const std::string& u
 
 // A download stays what its properties file says that it is: URLs that differ in what the
 // identifier leaves out (scheme, port, user, fragment) are one download, under the first of them. A
-// manifest that was found under another name than the recorded one is recorded anew.
+// manifest that was found under another name than the recorded one is recorded anew. Throws before
+// anything is stored when the file system refuses the file now.
 std::string QNMovieDownloader::settledSourceURL(const std::string& url,
                                                 const std::string& directory,
                                                 const std::string& manifestName) const {
-  const std::string path = FileManager::pathByAppending(directory, QNMoviePropertiesFileName);
-  if (!FileManager::defaultManager().fileExistsAtPath(path)) return url;
+  // What goes into properties and task descriptions has to come back as it was.
+  std::string settled = platform::URL::encodingInvalidBytes(url);
+  platform::ErrorPtr unread;
   const auto properties = QNMutableMovieDownloadProperties::propertiesWithLocalPath(
-      directory, QNMoviePropertiesFileName);
-  if (!properties) return url;  // the set deals with a damaged file
+      directory, QNMoviePropertiesFileName, &unread);
+  if (unread && unread->code() != ENOENT) {
+    throw platform::Exception(QNMovieDownloaderException, "Properties file cannot be read",
+                              {{"NSError", unread}});
+  }
+  if (!properties) return settled;  // the set deals with a damaged file
   const auto recorded = properties->objectForKey(QNManifestNameKey);
   if (!recorded || recorded->string() != manifestName) {
     QNEngineLog(kNoticeLogLevel, "Notice: Download goes on with the manifest %@", manifestName);
@@ -446,10 +453,10 @@ std::string QNMovieDownloader::settledSourceURL(const std::string& url,
   }
   const auto stored = properties->sourceURL();
   if (!stored) {
-    properties->setObjectForKey(url, QNSourceURLKey);
-    return url;
+    properties->setObjectForKey(settled, QNSourceURLKey);
+    return settled;
   }
-  if (*stored != url) {
+  if (*stored != settled) {
     QNEngineLog(kNoticeLogLevel, "Notice: Download goes on under its stored URL %@", *stored);
   }
   return *stored;
@@ -526,9 +533,9 @@ QNMovieDownloader::Set QNMovieDownloader::storeDownloadSetForURL(
   const std::string directory = directoryOf(downloadId);
   const std::string name =
       manifest ? kManifestName : findManifestLocalNameForDownloadId(downloadId);
-  const std::string sourceURL = settledSourceURL(url, directory, name);
   platform::ErrorPtr unsaved;
   try {
+    const std::string sourceURL = settledSourceURL(url, directory, name);
     playlist->setUrl(sourceURL);
     return _downloadSetWithPlaylist(playlist, directory, name, sourceURL, downloadId, [&] {
       if (!manifest) return;

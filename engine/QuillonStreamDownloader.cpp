@@ -2,7 +2,9 @@
 
 #include "engine/QNEngineLog.h"
 #include "engine/QNMovieDownloader.h"
+#include "platform/FileManager.h"
 #include "platform/Log.h"
+#include "platform/URL.h"
 #include "platform/host/QNLog.h"
 
 namespace {
@@ -19,6 +21,19 @@ void guarded(const char* message, Body body) noexcept {
   } catch (...) {
     // Nobody is left to tell.
   }
+}
+
+// Somebody in this process may know the directory by another path than the host does.
+bool isManifestOf(const QNMovieDownloadProperties& properties, const std::string& localURL) {
+  const std::string own = properties.localURL();
+  if (own == localURL) return true;
+  const auto fileOf = [](const std::string& url) {
+    const auto parsed = platform::URL::URLWithString(url);
+    const auto path = parsed ? parsed->filePath() : std::nullopt;
+    return path ? platform::FileManager::defaultManager().identityOf(*path) : std::nullopt;
+  };
+  const auto file = fileOf(localURL);
+  return file && file == fileOf(own);
 }
 
 }  // namespace
@@ -43,7 +58,7 @@ std::optional<std::vector<std::string>> QuillonStreamDownloader::getDownloadedQu
   std::optional<std::vector<std::string>> identifiers;
   guarded("Error: Failed to tell the downloaded qualities: %@", [&] {
     for (const auto& properties : QNMovieDownloader::sharedDownloadedMovies()) {
-      if (properties->localURL() != localURL) continue;
+      if (!isManifestOf(*properties, localURL)) continue;
       identifiers = properties->downloadedQualityIdentifiers();
       break;
     }

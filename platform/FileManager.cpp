@@ -5,7 +5,9 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
 #include <limits>
+#include <system_error>
 #include <utility>
 
 #include <dirent.h>
@@ -262,6 +264,19 @@ std::optional<int64_t> FileManager::sizeOfFile(const std::string& path) {
   const auto info = statOf(path);
   if (!info || !S_ISREG(info->st_mode)) return std::nullopt;
   return info->st_size;
+}
+
+std::optional<FileManager::Identity> FileManager::identityOf(const std::string& path) {
+  const auto info = statOf(path);
+  return info ? std::optional(Identity{info->st_dev, info->st_ino}) : std::nullopt;
+}
+
+std::string FileManager::canonicalPath(const std::string& path) {
+  std::error_code failed;
+  const auto absolute = std::filesystem::absolute(path, failed);
+  if (failed) return path;
+  const auto resolved = std::filesystem::weakly_canonical(absolute, failed);
+  return failed ? absolute.lexically_normal().string() : resolved.string();
 }
 
 int64_t FileManager::folderSize(const std::string& path) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -14,16 +15,22 @@
 
 namespace platform {
 
-// The file system. Paths are bytes, joined with "/"; nothing is resolved or normalised. Calls that
-// can fail return a null error on success, else one of NSPOSIXErrorDomain with the path.
-// Thread-safe; tests replace the default manager by a forwarding wrapper that overrides single
-// calls.
+// The file system. Paths are bytes, joined with "/"; nothing but `canonicalPath` resolves or
+// normalises one. Calls that can fail return a null error on success, else one of
+// NSPOSIXErrorDomain with the path. Thread-safe; tests replace the default manager by a forwarding
+// wrapper that overrides single calls.
 class QN_EXPORT FileManager {
  public:
   struct Entry {
     std::string name;
     bool isRegular = false;
     bool isDirectory = false;
+  };
+  // Which file or directory this is, whatever path leads to it.
+  struct Identity {
+    uint64_t device = 0;
+    uint64_t inode = 0;
+    auto operator<=>(const Identity&) const = default;
   };
   struct File {
     std::string path;  // relative to the directory that was asked for
@@ -41,6 +48,10 @@ class QN_EXPORT FileManager {
   virtual bool isDirectory(const std::string& path);       // links followed
   virtual std::optional<int64_t> sizeOfFile(
       const std::string& path);  // regular files only, links followed
+  virtual std::optional<Identity> identityOf(const std::string& path);  // links followed
+  // The path from "/" on without links, "." and "..", as far as it exists; what does not is taken
+  // as it is written.
+  virtual std::string canonicalPath(const std::string& path);
   // Sum of the sizes of the regular files below the directory `path`, links below it not followed;
   // what cannot be read counts 0, so does a `path` that is no directory.
   virtual int64_t folderSize(const std::string& path);

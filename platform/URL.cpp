@@ -7,6 +7,7 @@
 
 #include <unistd.h>
 
+#include "qnc/qncFastString.h"
 #include "qnc/qncUri.h"
 
 namespace platform {
@@ -62,14 +63,18 @@ constexpr auto kMayStandInPath = [] {  // RFC 3986 section 3.3: pchar and "/"
   return table;
 }();
 
-void appendEncodedPath(std::string& out, std::string_view path) {
+void appendEncoded(std::string& out, char c) {
   constexpr std::string_view digits = "0123456789ABCDEF";
+  const auto byte = static_cast<unsigned char>(c);
+  out += {'%', digits[byte >> 4], digits[byte & 15]};
+}
+
+void appendEncodedPath(std::string& out, std::string_view path) {
   for (const char c : path) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (kMayStandInPath[byte]) {
+    if (kMayStandInPath[static_cast<unsigned char>(c)]) {
       out += c;
     } else {
-      out += {'%', digits[byte >> 4], digits[byte & 15]};
+      appendEncoded(out, c);
     }
   }
 }
@@ -110,6 +115,17 @@ std::shared_ptr<const URL> URL::fileURLWithPath(std::string_view path) {
   }
   appendEncodedPath(text, path);
   return std::make_shared<const URL>(std::move(text));
+}
+
+std::string URL::encodingInvalidBytes(std::string_view text) {
+  std::string out;
+  for (;;) {
+    const size_t valid = qnc::FastString::validPrefixUTF8(text);
+    out.append(text.substr(0, valid));
+    if (valid == text.size()) return out;
+    appendEncoded(out, text[valid]);
+    text.remove_prefix(valid + 1);
+  }
 }
 
 URL::URL(std::string text) : text_(std::move(text)) {}

@@ -25,6 +25,9 @@ class QN_EXPORT URL {
                                                   const std::shared_ptr<const URL>& base);
   // "file://" and the percent-encoded path; a relative one begins at the current directory.
   static std::shared_ptr<const URL> fileURLWithPath(std::string_view path);
+  // The text with the bytes that are not UTF-8 percent-encoded, and nothing else changed: the same
+  // URL, in a form that JSON can hold.
+  static std::string encodingInvalidBytes(std::string_view text);
 
   const std::string& absoluteString() const { return text_; }
 

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "engine/QNMovieDownloader.h"
+#include "engine/QNResourceId.h"
 #include "platform/Application.h"
 #include "platform/Exception.h"
 #include "platform/FileManager.h"
@@ -180,6 +181,18 @@ TEST_F(Downloader, GoesOnUnderTheStoredURL) {
       "https://u@HOST:81/movie/manifest.mpd?token=1#t=3");
   ASSERT_NE(set, nullptr);
   EXPECT_EQ(set->sourceURL(), world.url);
+  // Text that is no UTF-8 cannot be written down; encoded it is the same URL, and the same
+  // download.
+  const std::string latin = "http://host/movie/manifest.mpd?n=\xe9t\xc3\xa9";
+  const auto named = world.downloader->storeDownloadSetForURL(latin, qntest::makePlaylist(kMovie),
+                                                              nullptr, nullptr);
+  EXPECT_EQ(named->sourceURL(), "http://host/movie/manifest.mpd?n=%E9t\xc3\xa9");
+  EXPECT_EQ(named->properties()->sourceURL(), named->sourceURL());
+  EXPECT_EQ(named->playlist()->url(), named->sourceURL());
+  EXPECT_EQ(world.downloader->activateDownloadSetForURL(latin), named);
+  const QNResourceId id(named->sourceURL(), "v", 0, 2);
+  EXPECT_EQ(QNResourceId::resourceIdWithJSONString(id.serializeToJSON())->manifestURL(),
+            named->sourceURL());
 }
 
 TEST_F(Downloader, FetchesAManifestOnceAndStoresItUnderTheDefaultName) {
@@ -241,6 +254,38 @@ TEST_F(Downloader, ReportsAStoredManifestThatIsNotUsable) {
   EXPECT_EQ(fetched->calls, 1);
   EXPECT_EQ(render(fetched->error), "NSErrorQNDownloader -101");
   EXPECT_TRUE(world.shared.waiting().empty());
+}
+
+// What is there cannot be read now; that says nothing of what is in it.
+TEST_F(Downloader, MakesNoSetOfADownloadThatCannotBeRead) {
+  world.storeManifest(kMovie);
+  const auto stored = world.directory().substr(world.root.path().size() + 1) + "/";
+  const std::string text = R"({"QNDownloadSetSourceURL":")" + std::string(world.url) +
+                           R"(","QNDownloadSetManifestName":"manifest.mpd","Own":1})";
+  world.root.write(stored + QNMoviePropertiesFileName, text);
+  world.launch();
+  for (const int errnum : {EACCES, EMFILE, EIO}) {
+    world.files.setFault([&](const auto&, const std::string& path) {
+      return path.find(QNMoviePropertiesFileName) != std::string::npos ? errnum : 0;
+    });
+    EXPECT_EQ(world.activate(), nullptr);
+    const auto error = fetch()->error;
+    ASSERT_NE(error, nullptr) << errnum;
+    EXPECT_EQ(render(std::any_cast<platform::ErrorPtr>(error->userInfo().at(QNUnderlyingErrorKey))),
+              "NSPOSIXErrorDomain " + std::to_string(errnum));
+    platform::ErrorPtr refused;
+    const auto other = std::make_shared<const platform::Data>(3);
+    EXPECT_EQ(world.downloader->storeDownloadSetForURL(world.url, qntest::makePlaylist(kMovie),
+                                                       other, &refused),
+              nullptr);
+    EXPECT_NE(refused, nullptr);
+    world.files.setFault(nullptr);
+    EXPECT_EQ(readFile(world.directory() + "/" + QNMoviePropertiesFileName), text);
+    EXPECT_EQ(readFile(world.directory() + "/manifest.mpd"), qntest::makeMPD(kMovie));
+    EXPECT_EQ(world.stored(), "");
+  }
+  ASSERT_NE(world.activate(), nullptr);
+  EXPECT_EQ(world.activate()->properties()->objectForKey("Own"), platform::JSON(1));
 }
 
 TEST_F(Downloader, ReportsAManifestThatCannotBeStored) {

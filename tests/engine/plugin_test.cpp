@@ -2,6 +2,7 @@
 
 #include "engine/QNMovieDownloader.h"
 #include "engine/QuillonStreamDownloader.h"
+#include "tests/support/ScriptedFileManager.h"
 #include "tests/support/ScriptedSession.h"
 #include "tests/support/TempDirectory.h"
 
@@ -34,6 +35,11 @@ TEST(Plugin, AnswersForTheSharedDownloadersStore) {
   sessions.store("QNMovieDownloader/SharedSession")->refuse(std::nullopt);
   EXPECT_EQ(plugin->getDownloadedQualityIds(one), stored);
   EXPECT_EQ(sessions.session(), nullptr) << "no answer makes a downloader";
+  {
+    qntest::ScriptedFileManager files;
+    files.setFault([](const auto&, const auto&) -> int { throw std::bad_alloc(); });
+    EXPECT_EQ(plugin->getDownloadedQualityIds(one), std::nullopt) << "no exception reaches a host";
+  }
 
   const auto shared = QNMovieDownloader::sharedDownloader();
   EXPECT_EQ(shared, QNMovieDownloader::sharedDownloader());

@@ -1,7 +1,9 @@
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
 
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 
 #include "platform/Exception.h"
 #include "platform/FileManager.h"
@@ -10,6 +12,7 @@
 #include "tests/support/EngineWorld.h"
 #include "tests/support/ScriptedFileManager.h"
 #include "tests/support/TempDirectory.h"
+#include "tests/support/UserNamespace.h"
 
 namespace {
 
@@ -215,6 +218,24 @@ TEST_F(SetStorage, PropertiesOfOneDirectoryAreOneObject) {
   const auto listed = QNMovieDownloadProperties::propertiesWithLocalPath(directory.path(),
                                                                          QNMoviePropertiesFileName);
   EXPECT_EQ(listed, set->properties());
+  // Whatever the directory is called.
+  std::filesystem::create_directory_symlink(directory.path(), directory.path("link"));
+  for (const std::string& spelling : {directory.path() + "//", directory.path("a/.."),
+                                      directory.path("./"), directory.path("link")}) {
+    EXPECT_EQ(
+        QNMovieDownloadProperties::propertiesWithLocalPath(spelling, QNMoviePropertiesFileName),
+        listed)
+        << spelling;
+  }
+  qntest::TempDirectory mounted;
+  const auto passed = qntest::runInUserNamespace([&] {
+    ASSERT_EQ(mount(directory.path().c_str(), mounted.path().c_str(), nullptr, MS_BIND, nullptr),
+              0);
+    EXPECT_EQ(QNMovieDownloadProperties::propertiesWithLocalPath(mounted.path(),
+                                                                 QNMoviePropertiesFileName),
+              listed);
+  });
+  EXPECT_NE(passed, false);
 }
 
 }  // namespace

@@ -50,6 +50,15 @@ std::optional<int64_t> ScriptedFileManager::sizeOfFile(const std::string& path) 
   return FileManager::sizeOfFile(path);
 }
 
+platform::DataPtr ScriptedFileManager::contentsAtPath(const std::string& path, int64_t maximumBytes,
+                                                      ErrorPtr* error) {
+  ++calls_;
+  const int errnum = fault_ ? fault_("contentsAtPath", path) : 0;
+  if (!errnum) return FileManager::contentsAtPath(path, maximumBytes, error);
+  if (error) *error = platform::Error::errorWithErrno(errnum, "contentsAtPath", path);
+  return nullptr;
+}
+
 ErrorPtr ScriptedFileManager::createDirectoryWithIntermediates(const std::string& path) {
   // One that is there already changes nothing.
   if (FileManager::isDirectory(path)) return nullptr;

@@ -16,13 +16,14 @@ namespace qntest {
 // test can let single calls fail and the disk die. Changes only are steps of the switch.
 class ScriptedFileManager : public platform::FileManager {
  public:
-  // Named after the method that changes something.
+  // Named after the method that changes something, or "contentsAtPath".
   using Fault = std::function<int(const std::string& method, const std::string& path)>;
 
   explicit ScriptedFileManager(std::shared_ptr<KillSwitch> killSwitch = nullptr);
   ~ScriptedFileManager() override;
 
-  // Asked before each change; an errno other than 0 is how the call fails.
+  // Asked before each change and before a file is read; an errno other than 0 is how the call
+  // fails.
   void setFault(Fault fault) { fault_ = std::move(fault); }
   // Writes without flushing the disk, which no test of logic needs.
   void setFast() { fast_ = true; }
@@ -33,6 +34,8 @@ class ScriptedFileManager : public platform::FileManager {
   bool isRegularFile(const std::string& path) override;
   bool isDirectory(const std::string& path) override;
   std::optional<int64_t> sizeOfFile(const std::string& path) override;
+  platform::DataPtr contentsAtPath(const std::string& path, int64_t maximumBytes,
+                                   platform::ErrorPtr* error) override;
   platform::ErrorPtr createDirectoryWithIntermediates(const std::string& path) override;
   platform::ErrorPtr moveItem(const std::string& from, const std::string& to) override;
   platform::ErrorPtr removeItem(const std::string& path) override;

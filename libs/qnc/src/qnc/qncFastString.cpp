@@ -81,6 +81,10 @@ bool FastString::isValidUTF8() const {
   return utf8::is_valid(text_.begin(), text_.end());
 }
 
+size_t FastString::validPrefixUTF8(std::string_view text) {
+  return static_cast<size_t>(utf8::find_invalid(text.begin(), text.end()) - text.begin());
+}
+
 FastString FastString::toValidUTF8() const {
   if (isValidUTF8()) return *this;
   std::string out;

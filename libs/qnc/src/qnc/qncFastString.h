@@ -57,6 +57,8 @@ class FastString {
   static FastString fromUTF16(std::u16string_view text, bool* valid = nullptr);
   std::u16string toUTF16() const;
   bool isValidUTF8() const;
+  // How many bytes at the beginning of a text are UTF-8.
+  static size_t validPrefixUTF8(std::string_view text);
   // The text with every sequence that is not UTF-8 replaced by U+FFFD.
   FastString toValidUTF8() const;
   // Number of code points; -1 when the text is not UTF-8.
