@@ -63,6 +63,10 @@ class Fetch final : public HttpExchange::Observer {
 
   bool exchangeDidReceiveHead(HttpHead head) override {
     touch();
+    if (hasUnclearLength(head.headers)) {
+      finish(urlError(URLErrorBadServerResponse, "its length is not one number", urlText()));
+      return false;
+    }
     int64_t length = contentLength(head.headers).value_or(-1);
     if (hasContentCoding(head.headers)) length = -1;
     if (length > URLSessionMaximumDataBytes) return tooLong();

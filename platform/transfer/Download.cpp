@@ -14,6 +14,15 @@ bool hasNoBody(const std::string& method, int status) {
   return method == "HEAD" || status == 204 || status == 304;
 }
 
+// The bytes end where a part of a representation of unknown length did.
+bool endsWithPart(const TransferContent& content, uint64_t start) {
+  if (!content.response || content.response->statusCode() != 206) return false;
+  const auto value = content.response->allHeaderFields().get("Content-Range");
+  const auto part = value ? parseContentRange(*value) : std::nullopt;
+  return part && part->range && !part->total &&
+         *part->range->last + 1 == start + static_cast<uint64_t>(content.received);
+}
+
 }  // namespace
 
 Download::Owner::~Owner() = default;
@@ -45,10 +54,10 @@ void Download::start() {
     return finish(End::Finished);
   }
   asked_ = whatToAsk();
-  HttpExchange::Request request{url, request_->HTTPMethod(), request_->allHTTPHeaderFields()};
+  HttpExchange::Request request{url, request_->HTTPMethod(), request_->allHTTPHeaderFields(), true};
   if (asked_.offset > 0) {
     request.headers.set("Range", *asked_.header(std::nullopt));
-    request.headers.set("If-Range", asked_.validator);
+    if (!asked_.validator.empty()) request.headers.set("If-Range", asked_.validator);
   }
   exchange_ = std::make_unique<HttpExchange>(loop_, *this);
   if (exchange_->start(std::move(request))) return;
@@ -61,8 +70,12 @@ RangeAsked Download::whatToAsk() const {
   const auto own = request_->valueForHTTPHeaderField("Range");
   asked.hasOwnRange = own.has_value();
   if (own) asked.own = parseRange(*own);
-  const bool readable = !own || asked.own;
-  if (!readable || !canBeContinued() || request_->HTTPMethod() != "GET") return asked;
+  // Bytes of a whole resource are none of the range: it is asked for again.
+  const int status = content_.response ? content_.response->statusCode() : 0;
+  const bool usable = !own || (asked.own && status == 206);
+  if (!usable || request_->HTTPMethod() != "GET") return asked;
+  asked.endUnknown = endsWithPart(content_, asked.start());
+  if (!canBeContinued() && !asked.endUnknown) return asked;
   asked.offset = static_cast<uint64_t>(content_.received);
   asked.validator = content_.validator;
   asked.expected = content_.expected;
@@ -149,8 +162,10 @@ bool Download::openFile(bool continues) {
 }
 
 void Download::setExpected(const HttpHead& head) {
+  bytesAtEnd_ = URLSessionTransferSizeUnknown;
+  mayBeMore_ = head.status == 206 && !bringsTheRest(asked_, head.headers);
   if (hasNoBody(request_->HTTPMethod(), head.status)) {
-    content_.expected = 0;
+    content_.expected = bytesAtEnd_ = 0;
     return;
   }
   if (hasContentCoding(head.headers)) return;
@@ -162,7 +177,9 @@ void Download::setExpected(const HttpHead& head) {
       length = static_cast<int64_t>(*content->range->last - content->range->first + 1);
     }
   }
-  if (length) content_.expected = base_ + *length;
+  if (!length) return;
+  bytesAtEnd_ = base_ + *length;
+  if (!mayBeMore_) content_.expected = bytesAtEnd_;
 }
 
 // A 416 to a file that lacks nothing: the response of its bytes, as if its last part had come.
@@ -183,7 +200,7 @@ bool Download::exchangeDidReceiveBody(const char* bytes, size_t count) {
     return discarded_ <= kMaximumDiscarded || stop(end_);
   }
   const auto length = static_cast<int64_t>(count);
-  if (content_.expected >= 0 && content_.received + length > content_.expected) {
+  if (bytesAtEnd_ >= 0 && content_.received + length > bytesAtEnd_) {
     outcome_ = {URLErrorBadServerResponse, false, "more bytes than announced"};
     return stop(End::Failed);
   }
@@ -211,11 +228,12 @@ void Download::exchangeDidComplete(const HttpOutcome& outcome) {
     outcome_ = outcome;
     return finish(End::Failed);
   }
-  if (content_.expected >= 0 && content_.received < content_.expected) {
+  if (bytesAtEnd_ >= 0 && content_.received < bytesAtEnd_) {
     outcome_ = {URLErrorNetworkConnectionLost, true,
-                std::to_string(content_.expected - content_.received) + " bytes are missing"};
+                std::to_string(bytesAtEnd_ - content_.received) + " bytes are missing"};
     return finish(End::Failed);
   }
+  if (mayBeMore_) return finish(End::Part);
   content_.expected = content_.received;
   finish(End::Finished);
 }

@@ -20,6 +20,7 @@ class Download final : public HttpExchange::Observer {
     Finished,  // the content is whole
     Failed,    // as outcome() says
     Status,    // a response that is to be retried, or that ends what cannot be retried any more
+    Part,      // whole as far as it goes; there may be more, or its end, to be asked for
     FromZero,  // what is there cannot be continued: to be started again without it
     Disk,      // diskError() kept the file from being written
   };
@@ -91,6 +92,8 @@ class Download final : public HttpExchange::Observer {
   FileDescriptor fd_;
   RangeAsked asked_;
   int64_t base_ = 0;
+  int64_t bytesAtEnd_ = URLSessionTransferSizeUnknown;  // of the task, when the body has ended
+  bool mayBeMore_ = false;                              // behind them
   int responses_ = 0;
   bool readsTold_ = false;
   bool discarding_ = false;  // the body is not content

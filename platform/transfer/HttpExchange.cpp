@@ -6,6 +6,7 @@
 
 #include <curl/curl.h>
 
+#include "platform/transfer/BodyDecoder.h"
 #include "platform/transfer/CurlLoop.h"
 #include "platform/transfer/HttpRules.h"
 
@@ -76,6 +77,7 @@ bool HttpExchange::start(Request request) {
   curl_easy_setopt(easy_, CURLOPT_WRITEDATA, this);
   curl_easy_setopt(easy_, CURLOPT_PREREQFUNCTION, &HttpExchange::connectedCallback);
   curl_easy_setopt(easy_, CURLOPT_PREREQDATA, this);
+  curl_easy_setopt(easy_, CURLOPT_HTTP_CONTENT_DECODING, request_.provesCodedEnd ? 0L : 1L);
   return startHop();
 }
 
@@ -86,6 +88,8 @@ bool HttpExchange::startHop() {
   redirect_ = nullptr;
   redirectBody_ = 0;
   redirectFailure_ = {};
+  decoder_.reset();
+  codingFailure_ = {};
   curlMessage_[0] = '\0';
 
   curl_easy_setopt(easy_, CURLOPT_URL, request_.url->absoluteString().c_str());
@@ -171,9 +175,33 @@ void HttpExchange::readHeaderLine(std::string_view line) {
 bool HttpExchange::headIsComplete() {
   headDone_ = true;
   if (isRedirectStatus(status_) && headers_.find("Location")) return takeRedirect();
+  if (!chooseDecoder()) return false;
   stoppedByObserver_ =
       !observer_.exchangeDidReceiveHead({status_, std::move(headers_), request_.url});
   return !stoppedByObserver_;
+}
+
+// False when the content is in a coding that cannot be undone here. A page that is no content is
+// then left as it is.
+bool HttpExchange::chooseDecoder() {
+  const bool isEmpty = request_.method == "HEAD" || contentLength(headers_) == 0;
+  if (!request_.provesCodedEnd || isEmpty || !hasContentCoding(headers_)) return true;
+  const std::string coding = *headers_.get("Content-Encoding");
+  decoder_ = BodyDecoder::forCoding(coding);
+  if (decoder_ || !isContent()) return true;
+  codingFailure_ = {URLErrorCannotDecodeContentData, false, coding + ", which was not asked for"};
+  return false;
+}
+
+bool HttpExchange::decode(const char* bytes, size_t count) {
+  const auto result = decoder_->feed(bytes, count, [this](const char* piece, size_t length) {
+    return observer_.exchangeDidReceiveBody(piece, length);
+  });
+  stoppedByObserver_ = result == BodyDecoder::Result::Stopped;
+  if (result == BodyDecoder::Result::Damaged) {
+    codingFailure_ = {URLErrorCannotDecodeContentData, false, "the coded body is damaged"};
+  }
+  return result == BodyDecoder::Result::Fine;
 }
 
 bool HttpExchange::takeRedirect() {
@@ -203,6 +231,7 @@ size_t HttpExchange::bodyCallback(char* bytes, size_t size, size_t count, void* 
   // Only then: libcurl keeps a copy of what is refused, and what it has read already may as well go
   // on.
   if (std::exchange(self->pausesAtBody_, false)) return CURL_WRITEFUNC_PAUSE;
+  if (self->decoder_) return self->decode(bytes, length) ? length : 0;
   self->stoppedByObserver_ = !self->observer_.exchangeDidReceiveBody(bytes, length);
   return self->stoppedByObserver_ ? 0 : length;
 }
@@ -223,11 +252,15 @@ void HttpExchange::finishHop(int curlCode) {
   pausesAtBody_ = paused_;
   if (stoppedByObserver_) return complete({URLErrorCancelled, false, {}});
   if (!redirectFailure_.succeeded()) return complete(redirectFailure_);
+  if (!codingFailure_.succeeded()) return complete(codingFailure_);
   if (!redirect_) {
     auto outcome = outcomeOfCurl(curlCode, curlMessage_.data());
     if (outcome.succeeded() && !headDone_) {
       // libcurl counts a head that was cut off as a response without a body.
       outcome = {URLErrorNetworkConnectionLost, true, "the head of the response was cut off"};
+    }
+    if (outcome.succeeded() && decoder_ && isContent() && !decoder_->hasEnded()) {
+      outcome = {URLErrorNetworkConnectionLost, true, "the coded body ended early"};
     }
     return complete(outcome);
   }

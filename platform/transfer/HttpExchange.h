@@ -3,6 +3,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -15,6 +16,7 @@ struct curl_slist;
 
 namespace platform {
 
+class BodyDecoder;
 class CurlLoop;
 
 // The head of the response that a redirect chain ended with.
@@ -46,6 +48,9 @@ class HttpExchange {
     URLPtr url;
     std::string method = "GET";
     HTTPHeaders headers;
+    // A coded body counts as received only when its own end has come, which gzip and deflate show;
+    // content in another coding is refused.
+    bool provesCodedEnd = false;
   };
 
   HttpExchange(CurlLoop& loop, Observer& observer);
@@ -72,6 +77,9 @@ class HttpExchange {
   void buildHeaderList();
   void readHeaderLine(std::string_view line);
   [[nodiscard]] bool headIsComplete();
+  [[nodiscard]] bool chooseDecoder();
+  [[nodiscard]] bool decode(const char* bytes, size_t count);
+  bool isContent() const { return status_ == 200 || status_ == 206; }
   [[nodiscard]] bool takeRedirect();
   void finishHop(int curlCode);
   void complete(const HttpOutcome& outcome);
@@ -94,6 +102,8 @@ class HttpExchange {
   std::string lastHeader_;
   bool headDone_ = false;
   bool stoppedByObserver_ = false;
+  std::unique_ptr<BodyDecoder> decoder_;  // null: libcurl's, or none is needed
+  HttpOutcome codingFailure_;
   URLPtr redirect_;
   size_t redirectBody_ = 0;
   HttpOutcome redirectFailure_;

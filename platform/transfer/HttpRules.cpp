@@ -58,51 +58,77 @@ bool isStrongEntityTag(std::string_view tag) {
   return tag.size() >= 2 && tag.front() == '"' && tag.back() == '"';
 }
 
-// The response does not contradict the version that the stored bytes are of.
-bool agrees(const std::string& validator, const HTTPHeaders& headers) {
-  const bool isTag = isStrongEntityTag(validator);
-  const auto* const value = headers.find(isTag ? "ETag" : "Last-Modified");
-  return !value || trimmed(*value) == validator;
+std::optional<ContentRange> contentRange(const HTTPHeaders& headers) {
+  const auto* const value = headers.find("Content-Range");
+  return value ? parseContentRange(*value) : std::nullopt;
 }
 
-bool endsRight(const ByteRange& got, const ByteRange& asked, const std::optional<uint64_t>& total) {
-  if (asked.last && *got.last == *asked.last) return true;
-  if (asked.last && *got.last > *asked.last) return false;
-  if (total) return *got.last + 1 == *total;
-  return !asked.last;
+bool contradicts(const HTTPHeaders& headers, const char* field, const std::string& validator) {
+  const auto* const value = headers.find(field);
+  return value && trimmed(*value) != validator;
 }
 
-Verdict judgePartial(const RangeAsked& asked, const HTTPHeaders& headers) {
-  const Verdict refused = asked.offset > 0 ? Verdict::FromZero : Verdict::Bad;
+// A response to If-Range says itself that its bytes are of the version that was named: it repeats
+// the entity tag (RFC 9110 section 15.3.7). A Last-Modified may be left out; then the complete
+// length has to be the known one.
+bool isOfVersion(const RangeAsked& asked, const HTTPHeaders& headers, const ContentRange& content) {
+  if (asked.validator.empty()) return false;
+  if (isStrongEntityTag(asked.validator)) {
+    return headers.find("ETag") && !contradicts(headers, "ETag", asked.validator);
+  }
+  // An entity tag where there was none is of another version, or of another server.
+  if (headers.find("ETag")) return false;
+  if (headers.find("Last-Modified")) {
+    return !contradicts(headers, "Last-Modified", asked.validator);
+  }
+  return asked.total && asked.total == content.total;
+}
+
+// A 416 has no bytes and need not name a version.
+bool mayBeOfVersion(const RangeAsked& asked, const HTTPHeaders& headers) {
+  const char* const field = isStrongEntityTag(asked.validator) ? "ETag" : "Last-Modified";
+  return asked.validator.empty() || !contradicts(headers, field, asked.validator);
+}
+
+// The position behind the last byte that is wanted. Without a complete length it is the most that
+// is wanted of a representation that may end before.
+std::optional<uint64_t> endWanted(const RangeAsked& asked, const std::optional<uint64_t>& total) {
+  if (asked.expected >= 0) return asked.start() + static_cast<uint64_t>(asked.expected);
+  if (!asked.own || !asked.own->last) return total;
+  const uint64_t end = *asked.own->last + 1;
+  return total ? std::min(*total, end) : end;
+}
+
+// Where the complete length is unknown a part may end early: the rest is asked for then.
+bool endsRight(const RangeAsked& asked, const ContentRange& content) {
+  const auto end = endWanted(asked, content.total);
+  const uint64_t got = *content.range->last + 1;
+  return !end || got == *end || (!content.total && got < *end);
+}
+
+Verdict judgePartial(const RangeAsked& asked, const HTTPHeaders& headers, Verdict refused) {
   if (hasContentCoding(headers)) return refused;
   if (asked.hasOwnRange && !asked.own) return Verdict::StartOver;  // the application's to judge
-  const auto* const value = headers.find("Content-Range");
-  const auto content = value ? parseContentRange(*value) : std::nullopt;
+  const auto content = contentRange(headers);
   if (!content || !content->range) return refused;
 
-  ByteRange wanted = asked.own.value_or(ByteRange{});
-  const uint64_t start = wanted.first;
-  wanted.first += asked.offset;
   const ByteRange& got = *content->range;
-  if (got.first != wanted.first || !endsRight(got, wanted, content->total)) return refused;
+  if (got.first != asked.start() + asked.offset || !endsRight(asked, *content)) return refused;
   const auto length = contentLength(headers);
   if (length && static_cast<uint64_t>(*length) != *got.last - got.first + 1) return refused;
   if (asked.offset == 0) return Verdict::StartOver;
 
-  if (asked.expected >= 0 && *got.last + 1 != start + static_cast<uint64_t>(asked.expected)) {
-    return refused;
-  }
   if (asked.total && content->total && *asked.total != *content->total) return refused;
-  return agrees(asked.validator, headers) ? Verdict::Continue : refused;
+  return isOfVersion(asked, headers, *content) ? Verdict::Continue : refused;
 }
 
 Verdict judgeUnsatisfiable(const RangeAsked& asked, const HTTPHeaders& headers) {
   if (asked.offset == 0) return Verdict::StartOver;
-  const auto* const value = headers.find("Content-Range");
-  const auto content = value ? parseContentRange(*value) : std::nullopt;
+  if (!mayBeOfVersion(asked, headers)) return Verdict::FromZero;
+  if (asked.endUnknown && !headers.find("Content-Range")) return Verdict::Whole;
+  const auto content = contentRange(headers);
   if (!content || content->range || !content->total) return Verdict::FromZero;
-  const uint64_t end = asked.own.value_or(ByteRange{}).first + asked.offset;
-  const bool whole = *content->total == end && agrees(asked.validator, headers) &&
+  const bool whole = *content->total == asked.start() + asked.offset &&
                      (!asked.total || *asked.total == *content->total);
   return whole ? Verdict::Whole : Verdict::FromZero;
 }
@@ -186,13 +212,25 @@ std::optional<int64_t> contentLength(const HTTPHeaders& headers) {
   // Without regard to a Transfer-Encoding, which makes it meaningless (RFC 9112 section 6.3).
   if (headers.find("Transfer-Encoding")) return std::nullopt;
   const auto* const value = headers.find("Content-Length");
-  return value ? number<int64_t>(trimmed(*value)) : std::nullopt;
+  if (!value) return std::nullopt;
+  std::string_view list = *value;
+  const auto length = number<int64_t>(trimmed(list.substr(0, list.find(','))));
+  // The same number may be repeated, in one field or in several.
+  for (size_t comma = list.find(','); comma != list.npos; comma = list.find(',')) {
+    list.remove_prefix(comma + 1);
+    if (number<int64_t>(trimmed(list.substr(0, list.find(',')))) != length) return std::nullopt;
+  }
+  return length;
+}
+
+bool hasUnclearLength(const HTTPHeaders& headers) {
+  return headers.find("Content-Length") && !headers.find("Transfer-Encoding") &&
+         !contentLength(headers);
 }
 
 std::optional<uint64_t> completeLength(const HTTPURLResponse& response) {
   if (response.statusCode() == 206) {
-    const auto* const value = response.allHeaderFields().find("Content-Range");
-    const auto content = value ? parseContentRange(*value) : std::nullopt;
+    const auto content = contentRange(response.allHeaderFields());
     return content ? content->total : std::nullopt;
   }
   const auto length = contentLength(response.allHeaderFields());
@@ -202,15 +240,25 @@ std::optional<uint64_t> completeLength(const HTTPURLResponse& response) {
 
 std::optional<std::string> RangeAsked::header(const std::optional<std::string>& ownHeader) const {
   if (offset == 0) return ownHeader;
-  ByteRange range = own.value_or(ByteRange{});
-  range.first += offset;
-  return formatRange(range);
+  return formatRange({start() + offset, own ? own->last : std::nullopt});
 }
 
 Verdict judgeResponse(const RangeAsked& asked, int status, const HTTPHeaders& headers) {
-  if (status == 206) return judgePartial(asked, headers);
+  // What cannot be named by If-Range is not to be had from byte 0 in another way either.
+  const bool canStartOver = asked.offset > 0 && !asked.validator.empty();
+  const Verdict refused = canStartOver ? Verdict::FromZero : Verdict::Bad;
+  if ((status == 200 || status == 206) && hasUnclearLength(headers)) return refused;
+  if (status == 206) return judgePartial(asked, headers, refused);
   if (status == 416) return judgeUnsatisfiable(asked, headers);
   return Verdict::StartOver;
+}
+
+bool bringsTheRest(const RangeAsked& asked, const HTTPHeaders& headers) {
+  const auto content = contentRange(headers);
+  if ((asked.hasOwnRange && !asked.own) || !content || !content->range || content->total) {
+    return true;
+  }
+  return endWanted(asked, std::nullopt) == *content->range->last + 1;
 }
 
 }  // namespace platform

@@ -46,8 +46,11 @@ bool isRedirectStatus(int status);
 
 // A content coding other than identity.
 bool hasContentCoding(const HTTPHeaders& headers);
-// Content-Length, nullopt when absent or not one number.
+// Content-Length, nullopt when absent or not one number; one number may be repeated.
 std::optional<int64_t> contentLength(const HTTPHeaders& headers);
+// A Content-Length that is not one number: nobody can say where the body ends (RFC 9112 section
+// 6.3).
+bool hasUnclearLength(const HTTPHeaders& headers);
 // Length of the whole resource that a response told, of whatever part it was.
 std::optional<uint64_t> completeLength(const HTTPURLResponse& response);
 
@@ -56,10 +59,15 @@ struct RangeAsked {
   bool hasOwnRange = false;
   std::optional<ByteRange> own;  // when it can be read
   uint64_t offset = 0;           // bytes that are there; 0: from the start
-  std::string validator;         // of the bytes that are there
+  std::string validator;         // of the bytes that are there; empty: only their end is asked for
   int64_t expected = -1;         // bytes of the task in all, when an earlier response told
   std::optional<uint64_t> total;
+  // The bytes that are there end with a part of a representation of unknown length: maybe at its
+  // end.
+  bool endUnknown = false;
 
+  // Position of the first byte of the task in the representation.
+  uint64_t start() const { return own ? own->first : 0; }
   // The Range value to send, nullopt when none is needed.
   std::optional<std::string> header(const std::optional<std::string>& ownHeader) const;
 };
@@ -69,10 +77,13 @@ enum class Verdict {
   StartOver,  // a response of its own: counts from 0
   Whole,      // nothing is missing, the body is no content
   FromZero,   // not usable; to be asked for again from byte 0
-  Bad,        // not usable, and asking again from byte 0 is what was done
+  Bad,        // not usable, and asking again from byte 0 would not help
 };
 
 // Statuses that are retried are not looked at here.
 Verdict judgeResponse(const RangeAsked& asked, int status, const HTTPHeaders& headers);
+// False for a usable 206 behind whose last byte there may be more of what was asked for, because
+// its complete length is "*".
+bool bringsTheRest(const RangeAsked& asked, const HTTPHeaders& headers);
 
 }  // namespace platform

@@ -293,6 +293,7 @@ void TransferScheduler::startDownload(Job& job) {
   job.flushAsked = job.content.synced;
   job.flushAtMs = now();
   job.activeAtMs = now();
+  job.furthestBefore = job.effort.furthest;
   job.retryDelayMs = -1;
   nextTimeoutMs_ = std::min(nextTimeoutMs_, now() + options_.connectTimeoutMs);
   job.download = std::make_unique<Download>(job.id, job.request, std::move(job.content),
@@ -416,6 +417,8 @@ void TransferScheduler::takeEnd(Job& job) {
   switch (download->end()) {
     case Download::End::Finished:
       return endJob(job, nullptr, false);
+    case Download::End::Part:
+      return askOn(job);
     case Download::End::FromZero:
       job.content.received = 0;
       job.content.synced = 0;
@@ -440,6 +443,17 @@ void TransferScheduler::takeEnd(Job& job) {
   if (!outcome.retriable) return failJob(job, outcome, 0);
   if (const auto delay = retryDelay(job, std::nullopt)) return retry(job, *delay, false);
   failJob(job, outcome, 0);
+}
+
+// At once while that brings bytes.
+void TransferScheduler::askOn(Job& job) {
+  if (job.content.received > job.furthestBefore) {
+    leaveActive(job);
+    setTrying(job, false);
+    return enqueue(job, true);
+  }
+  if (const auto delay = retryDelay(job, std::nullopt)) return retry(job, *delay, false);
+  failJob(job, {URLErrorBadServerResponse, false, "its parts have no end"}, 0);
 }
 
 // How long to wait for the next attempt; nullopt when there is to be none.

@@ -80,7 +80,8 @@ class TransferScheduler final : public Download::Owner {
     bool trying = false;
     bool connected = false;
     int64_t activeAtMs = 0;
-    int64_t untilMs = 0;  // for Graced, Retrying and DiskFull: the next step
+    int64_t furthestBefore = 0;  // effort.furthest when the attempt began
+    int64_t untilMs = 0;         // for Graced, Retrying and DiskFull: the next step
     int64_t diskFullSinceMs = -1;
     int64_t retryDelayMs = -1;  // of a response that is retried
     bool holdHost = false;
@@ -129,6 +130,7 @@ class TransferScheduler final : public Download::Owner {
   void takeTouched();
   void takeEnded();
   void takeEnd(Job& job);
+  void askOn(Job& job);
   void retry(Job& job, int64_t delayMs, bool holdHost);
   std::optional<int64_t> retryDelay(Job& job, std::optional<int64_t> askedSeconds);
   void waitForRoom(Job& job);

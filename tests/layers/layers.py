@@ -38,6 +38,7 @@ THIRD_PARTY = {
     r"unicode/": r"platform/host/QNPlayerUtils\.cpp$",
     r"curl/": r"platform/transfer/",
     r"sqlite3\.h$": r"platform/transfer/",
+    r"zlib\.h$": r"platform/transfer/",
     r"xxhash\.h$": r"engine/",
     r"CLI/": r"cli/",
     r"microhttpd\.h$": r"cli/",

@@ -129,9 +129,10 @@ void answerContent(FaultAnswer& answer, HeaderFields& fields, const FaultRequest
     answer.status = 206;
     answer.start = first;
     answer.length = last + 1 - first;
-    setField(fields, "Content-Range",
-             "bytes " + std::to_string(first) + "-" + std::to_string(last) + "/" +
-                 std::to_string(shifted(size, fault.rangeTotalDelta)));
+    setField(
+        fields, "Content-Range",
+        "bytes " + std::to_string(first) + "-" + std::to_string(last) + "/" +
+            (fault.rangeTotalUnknown ? "*" : std::to_string(shifted(size, fault.rangeTotalDelta))));
   }
   if (resource.literal) {
     answer.text = resource.literal->substr(answer.start, answer.length);
@@ -143,6 +144,7 @@ void answerContent(FaultAnswer& answer, HeaderFields& fields, const FaultRequest
   }
   if (fault.gzip) {
     answer.text = gzipped(answer.text);
+    answer.text.resize(answer.text.size() - fault.gzipMissing);
     answer.length = answer.text.size();
     setField(fields, "Content-Encoding", "gzip");
   }

@@ -64,12 +64,14 @@ struct Fault {
   int64_t rangeStartDelta = 0;
   int64_t rangeEndDelta = 0;
   int64_t rangeTotalDelta = 0;
-  bool ignoreRange = false;    // 200 with the whole content
-  bool ignoreIfRange = false;  // 206 although the validator changed
-  bool chunked = false;        // chunked, no length
-  bool noLength = false;       // no length, ended by closing
+  bool rangeTotalUnknown = false;  // "*"
+  bool ignoreRange = false;        // 200 with the whole content
+  bool ignoreIfRange = false;      // 206 although the validator changed
+  bool chunked = false;            // chunked, no length
+  bool noLength = false;           // no length, ended by closing
   bool http10 = false;
   bool gzip = false;        // Content-Encoding: gzip whatever was asked
+  size_t gzipMissing = 0;   // bytes that the compressed stream lacks at its end, rightly framed
   bool closeAfter = false;  // closes the kept connection after the answer without having said so
 
   // An answer of `status` with a body and fields of its own.

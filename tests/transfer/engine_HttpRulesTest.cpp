@@ -124,8 +124,10 @@ RangeAsked ranged(uint64_t first, std::optional<uint64_t> last) {
   return asked;
 }
 
-HTTPHeaders part(const std::string& range, const std::string& tag = "") {
+HTTPHeaders part(const std::string& range, const std::string& tag = "",
+                 const std::string& date = "") {
   auto result = headers({{"Content-Range", "bytes " + range}});
+  if (!date.empty()) result.set("Last-Modified", date);
   if (!tag.empty()) result.set("ETag", tag);
   return result;
 }
@@ -133,6 +135,9 @@ HTTPHeaders part(const std::string& range, const std::string& tag = "") {
 TEST(HttpRules, JudgesWhatAResponseMeansForTheBytes) {
   RangeAsked unread;
   unread.hasOwnRange = true;
+  const std::string kDate = "Mon, 06 Nov 2023 10:00:00 GMT";
+  RangeAsked dated = resumed(40, 100);
+  dated.validator = kDate;
   const JudgeRow rows[] = {
       // Nothing is there.
       {"whole", {}, 200, {}, Verdict::StartOver},
@@ -146,7 +151,9 @@ TEST(HttpRules, JudgesWhatAResponseMeansForTheBytes) {
       {"another start", ranged(10, 19), 206, part("11-19/100"), Verdict::Bad},
       {"another end", ranged(10, 19), 206, part("10-18/100"), Verdict::Bad},
       {"more than asked", ranged(10, 19), 206, part("10-20/100"), Verdict::Bad},
-      {"short, total unknown", ranged(10, 19), 206, part("10-15/*"), Verdict::Bad},
+      {"more to be asked for", ranged(10, 19), 206, part("10-15/*"), Verdict::StartOver},
+      {"two lengths", {}, 200, headers({{"Content-Length", "9, 10"}}), Verdict::Bad},
+      {"a length twice", {}, 200, headers({{"Content-Length", "9, 9"}}), Verdict::StartOver},
       {"206 without Content-Range", ranged(10, 19), 206, {}, Verdict::Bad},
       {"206 nobody asked for", {}, 206, part("5-9/10"), Verdict::Bad},
       {"206 of everything", {}, 206, part("0-9/10"), Verdict::StartOver},
@@ -154,8 +161,15 @@ TEST(HttpRules, JudgesWhatAResponseMeansForTheBytes) {
       {"a range that is the application's matter", unread, 206, {}, Verdict::StartOver},
       // A part is there.
       {"continues", resumed(40, 100), 206, part("40-99/100", "\"v1\""), Verdict::Continue},
-      {"continues, no tag told", resumed(40, 100), 206, part("40-99/100"), Verdict::Continue},
-      {"continues, total unknown", resumed(40, -1), 206, part("40-99/100"), Verdict::Continue},
+      {"no tag told", resumed(40, 100), 206, part("40-99/100"), Verdict::FromZero},
+      {"total unknown", resumed(40, -1), 206, part("40-99/100", "\"v1\""), Verdict::Continue},
+      {"total unknown now", resumed(40, 100), 206, part("40-79/*", "\"v1\""), Verdict::Continue},
+      {"beyond the end", resumed(40, 100), 206, part("40-100/*", "\"v1\""), Verdict::FromZero},
+      {"date", dated, 206, part("40-99/100", "", kDate), Verdict::Continue},
+      {"no date, length known", dated, 206, part("40-99/100"), Verdict::Continue},
+      {"no date, length not told", dated, 206, part("40-99/*"), Verdict::FromZero},
+      {"another date", dated, 206, part("40-99/100", "", "yesterday"), Verdict::FromZero},
+      {"tag beside a date", dated, 206, part("40-99/100", "\"v1\"", kDate), Verdict::FromZero},
       {"another version", resumed(40, 100), 206, part("40-99/100", "\"v2\""), Verdict::FromZero},
       {"weaker version", resumed(40, 100), 206, part("40-99/100", "W/\"v1\""), Verdict::FromZero},
       {"another start", resumed(40, 100), 206, part("0-99/100"), Verdict::FromZero},
@@ -164,7 +178,7 @@ TEST(HttpRules, JudgesWhatAResponseMeansForTheBytes) {
       {"no Content-Range", resumed(40, 100), 206, {}, Verdict::FromZero},
       {"starts over", resumed(40, 100), 200, {}, Verdict::StartOver},
       {"range gone", resumed(40, 100), 401, {}, Verdict::StartOver},
-      {"range of a range", resumed(5, 10, ByteRange{10, 19}), 206, part("15-19/100"),
+      {"range of a range", resumed(5, 10, ByteRange{10, 19}), 206, part("15-19/100", "\"v1\""),
        Verdict::Continue},
       {"range of a range, from its start", resumed(5, 10, ByteRange{10, 19}), 206,
        part("10-19/100"), Verdict::FromZero},

@@ -123,11 +123,14 @@ TEST_F(SessionTest, CancelledTaskEndsWithItsErrorAndLeavesNothing) {
 
 TEST_F(SessionTest, SharedSessionFetchesAndMapsErrors) {
   server_.serve("/a", 100000);
+  server_.serve("/two", 200000);
+  server_.script("/two", {}, Fault::page(200, {{"X", "1\r\nContent-Length: 100"}}));
   struct Row {
     std::string url;
     int64_t code;
   };
   for (const Row& row : {Row{server_.url("/a"), 0}, Row{server_.url("/none"), 0},
+                         Row{server_.url("/two"), URLErrorBadServerResponse},
                          Row{"file:///etc/passwd", URLErrorUnsupportedURL},
                          Row{"http://127.0.0.1:1/", URLErrorCannotConnectToHost}}) {
     std::mutex mutex;

@@ -224,6 +224,30 @@ std::vector<FaultRow> rangeRows() {
     row.requests = 2;
     rows.push_back(row);
     row = {};
+    row.name = "PartsOfUnknownTotal";  // none of which says that it was the last
+    row.faults = {with(Fault::reset(kHalf), [](Fault& f) { f.chunked = true; }),
+                  with({}, [](Fault& f) {
+                    f.rangeTotalUnknown = true;
+                    f.rangeEndDelta = -50000;
+                  })};
+    row.then.rangeTotalUnknown = true;
+    row.requests = 4;
+    rows.push_back(row);
+    row.name = "OwnRangeOfUnknownTotal";
+    row.headers = {{"Range", "bytes=1000-"}};
+    row.offset = 1000;
+    row.size = kSize - 1000;
+    row.faults.erase(row.faults.begin());
+    row.faults.push_back(row.then);
+    row.faults.push_back(Fault::page(416, {}, ""));
+    row.requests = 3;
+    rows.push_back(row);
+    row.name = "OwnRangeOfUnknownTotalWithoutValidator";
+    row.resource.etag = false;
+    row.faults = {row.then};
+    row.requests = 2;
+    rows.push_back(row);
+    row = {};
     row.name = "OwnRange";
     row.headers = {{"Range", "bytes=1000-50999"}};
     row.offset = 1000;
@@ -255,6 +279,15 @@ std::vector<FaultRow> rangeRows() {
     row.expected = "wfc 200";
     row.offset = 0;
     row.size = kSize;
+    rows.push_back(row);
+    row = {};
+    row.name = "OwnRangeAnsweredWholeInTwoGoes";  // the second is asked for as the first was
+    row.headers = {{"Range", "bytes=1000-"}};
+    row.faults = {with(Fault::reset(kHalf), [](Fault& f) { f.ignoreRange = f.chunked = true; })};
+    row.expected = "wfc 206";
+    row.nothingTwice = false;
+    row.offset = 1000;
+    row.size = kSize - 1000;
     rows.push_back(row);
     row = {};
     row.name = "OwnRangeWithAnotherStartForEver";
@@ -310,6 +343,19 @@ std::vector<FaultRow> framingRows() {
   add("HTTP10WithoutLength", [](Fault& f) { f.http10 = f.noLength = true; });
   add("ClosesTheKeptConnection", [](Fault& f) { f.closeAfter = true; });
   add("CompressedThoughNotAsked", [](Fault& f) { f.gzip = true; });
+  // Rightly framed, but the stream in it is not whole.
+  FaultRow& early = add("CompressedEndsEarly", [](Fault&) {});
+  early.faults = {with({}, [](Fault& f) { f.gzip = true, f.gzipMissing = 4; }),
+                  with({}, [](Fault& f) { f.gzip = f.chunked = true, f.gzipMissing = 100000; }),
+                  with(Fault::close(kHalf), [](Fault& f) { f.gzip = f.noLength = true; })};
+  early.requests = 4;
+  FaultRow& two = add("TwoLengths", [](Fault& f) {
+    f.headers = {{"X", "1\r\nContent-Length: 100000"}};
+  });
+  two.expected = "c -1011";
+  add("CodedOtherwise", [](Fault& f) {
+    f.headers = {{"Content-Encoding", "br"}};
+  }).expected = "c -1016";
   // What came of it is decoded: no part of the file that a range could continue.
   FaultRow& cutOff = add("CompressedAndCutOff", [](Fault&) {});
   cutOff.faults = {with(Fault::reset(kHalf), [](Fault& f) { f.gzip = true; })};
