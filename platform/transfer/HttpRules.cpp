@@ -192,7 +192,11 @@ std::optional<int64_t> retryAfterSeconds(const HTTPHeaders& headers, int64_t wal
   if (!value) return std::nullopt;
   if (const auto seconds = number<int64_t>(trimmed(*value))) return seconds;
   const auto date = parseHTTPDate(*value);
-  return date ? std::optional(std::max<int64_t>(0, *date - wallSeconds)) : std::nullopt;
+  if (!date) return std::nullopt;
+  // The server's clock need not be ours.
+  const auto* const sent = headers.find("Date");
+  const auto sentTime = sent ? parseHTTPDate(*sent) : std::nullopt;
+  return std::max<int64_t>(0, *date - sentTime.value_or(wallSeconds));
 }
 
 bool isRetriedStatus(int status) {

@@ -38,7 +38,8 @@ std::optional<int64_t> parseHTTPDate(std::string_view value);
 // that the Date proves to be strong (section 8.8.2.2); empty when there is none.
 std::string strongValidator(const HTTPHeaders& headers);
 
-// Seconds from now, at least 0, of Retry-After in either form (section 10.2.3).
+// Seconds from now, at least 0, of Retry-After in either form (section 10.2.3). A date counts from
+// the response's own Date, without one from `wallSeconds`.
 std::optional<int64_t> retryAfterSeconds(const HTTPHeaders& headers, int64_t wallSeconds);
 
 bool isRetriedStatus(int status);  // 429, 502, 503, 504

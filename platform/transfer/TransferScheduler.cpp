@@ -456,15 +456,16 @@ void TransferScheduler::askOn(Job& job) {
   failJob(job, {URLErrorBadServerResponse, false, "its parts have no end"}, 0);
 }
 
-// How long to wait for the next attempt; nullopt when there is to be none.
+// How long to wait for the next attempt, at least the back-off; nullopt when there is to be none.
 std::optional<int64_t> TransferScheduler::retryDelay(Job& job,
                                                      std::optional<int64_t> askedSeconds) {
   const int64_t stalled = std::max(job.clock.elapsed(now()), job.host->health.stalledMs(now()));
   const int64_t left = options_.retryBoundMs - stalled;
   if (left <= 0) return std::nullopt;
-  if (!askedSeconds) return std::min(left, backOffMs(job.effort.attempts + 1, random()));
+  const int64_t backOff = std::min(left, backOffMs(job.effort.attempts + 1, random()));
+  if (!askedSeconds) return backOff;
   if (*askedSeconds > left / 1000) return std::nullopt;
-  return *askedSeconds * 1000;
+  return std::max(backOff, *askedSeconds * 1000);
 }
 
 void TransferScheduler::retry(Job& job, int64_t delayMs, bool holdHost) {

@@ -94,8 +94,12 @@ TEST(HttpRules, ReadsRetryAfterInBothForms) {
       {"soon", std::nullopt},
       {"99999999999999999999", std::nullopt},
   };
-  for (const auto& [text, expected] : rows)
-    EXPECT_EQ(expected, retryAfterSeconds(headers({{"Retry-After", text}}), now)) << text;
+  for (const auto& [text, expected] : rows) {
+    auto fields = headers({{"Retry-After", text}});
+    EXPECT_EQ(expected, retryAfterSeconds(fields, now)) << text;
+    fields.set("Date", "Mon, 06 Nov 2023 10:00:00 GMT");
+    EXPECT_EQ(expected, retryAfterSeconds(fields, now + 3600)) << text << " by the server's clock";
+  }
 }
 
 struct JudgeRow {

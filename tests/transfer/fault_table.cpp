@@ -156,6 +156,16 @@ std::vector<FaultRow> statusRows() {
     };
     rows.push_back(row);
   }
+  // Not to wait is no reason to hammer.
+  for (const char* const when : {"0", "Wed, 21 Oct 2015 07:28:00 GMT"}) {
+    FaultRow row;
+    row.name = when[0] == '0' ? "RetryAfterNothing" : "RetryAfterAPastDate";
+    row.then = Fault::page(503, {{"Retry-After", when}});
+    row.expected = "wfc 503";
+    row.retryBound = kBrief;
+    row.size = row.then.body.size();
+    rows.push_back(row);
+  }
   for (const int status : {500, 401, 403, 404, 410}) {
     FaultRow row;
     row.name = "Page" + std::to_string(status);
