@@ -126,8 +126,9 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
   void pauseAll();
   void resumeAll();
   void cancelAll();
-  // Also downloads that are not active: the whole download path. Throws "Failed to remove all
-  // downloader files" (user info "NSError").
+  // Also downloads that are not active: the whole download path. One that is a mount point or a
+  // link stays, empty. Throws "Failed to remove all downloader files" (user info "NSError", the
+  // first of the failures); sets whose directories are gone are no longer active then.
   void removeAll();
 
   // For the application's launch by the transfer service: the handler is called on the main queue
@@ -191,7 +192,7 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
   void _resume(const Set& set) REQUIRES(mutex_);
   void _cancel(const Set& set) REQUIRES(mutex_);
   void _remove(const Set& set) REQUIRES(mutex_);
-  void _removeRoot() REQUIRES(mutex_);
+  platform::ErrorPtr _removeRoot() REQUIRES(mutex_);
   void finishRemovals();
   void _pauseAll() REQUIRES(mutex_);
   void _resumeAll() REQUIRES(mutex_);

@@ -258,32 +258,52 @@ void QNMovieDownloader::removeAll() {
   for (const Set& set : sets) {
     if (set->status() != QNDownloadStatusIdle) _cancel(set);
   }
-  try {
-    _removeRoot();
-  } catch (...) {
-    for (const Set& set : sets)
-      set->setRemoved(false);
-    throw;
+  auto error = _removeRoot();
+  // What is gone is gone for good, whatever resisted; the rest goes on as it was.
+  for (const Set& set : sets) {
+    const bool isLeft =
+        error && FileManager::defaultManager().fileExistsAtPath(set->downloadPath());
+    if (isLeft) set->setRemoved(false);
+    if (!isLeft && isActive(set)) downloadIdSetMap_.erase(set->downloadId());
+  }
+  if (error) {
+    throw platform::Exception(QNMovieDownloaderException, "Failed to remove all downloader files",
+                              {{"NSError", std::move(error)}});
   }
   downloadIdSetMap_.clear();
 }
 
-// The downloads first, each in one step, so that a kill leaves whole ones only.
-void QNMovieDownloader::_removeRoot() {
+// The downloads first, each in one step, so that a kill leaves whole ones only. A root that is a
+// mount point, or a link to a directory, stays where somebody put it.
+platform::ErrorPtr QNMovieDownloader::_removeRoot() {
   auto& files = FileManager::defaultManager();
   const std::string root = downloadPath();
-  if (!files.fileExistsAtPath(root)) return;
-  for (const auto& entry :
-       files.contentsOfDirectory(root).value_or(std::vector<FileManager::Entry>())) {
+  if (!files.fileExistsAtPath(root)) return nullptr;
+  platform::ErrorPtr resisted;
+  const auto note = [&](platform::ErrorPtr error) {
+    const bool isGone = error && error->code() == ENOENT;  // somebody was faster
+    if (error && !isGone && !resisted) resisted = std::move(error);
+  };
+  const auto entries = [&] {
+    return files.contentsOfDirectory(root).value_or(std::vector<FileManager::Entry>());
+  };
+  for (const auto& entry : entries()) {
     const std::string path = FileManager::pathByAppending(root, entry.name);
     if (entry.isDirectory && entry.name != kRemovedDirectory &&
         files.fileExistsAtPath(FileManager::pathByAppending(path, QNMoviePropertiesFileName)))
-      (void)removeDownload(root, path);
+      note(removeDownload(root, path));
   }
-  if (auto error = files.removeItem(root)) {
-    throw platform::Exception(QNMovieDownloaderException, "Failed to remove all downloader files",
-                              {{"NSError", std::move(error)}});
+  for (const auto& entry : entries())
+    note(files.removeItem(FileManager::pathByAppending(root, entry.name)));
+  if (resisted) return resisted;
+  if (files.isSymbolicLink(root)) {
+    // One that cannot be read was not emptied.
+    return files.contentsOfDirectory(root)
+               ? nullptr
+               : platform::Error::errorWithErrno(EACCES, "Cannot read", root);
   }
+  auto error = files.removeItem(root);
+  return error && error->code() == EBUSY ? nullptr : error;
 }
 
 // Removals that an earlier launch did not finish.

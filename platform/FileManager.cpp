@@ -260,6 +260,11 @@ bool FileManager::isDirectory(const std::string& path) {
   return info && S_ISDIR(info->st_mode);
 }
 
+bool FileManager::isSymbolicLink(const std::string& path) {
+  struct stat info {};
+  return lstat(withoutTrailingSlashes(path).c_str(), &info) == 0 && S_ISLNK(info.st_mode);
+}
+
 std::optional<int64_t> FileManager::sizeOfFile(const std::string& path) {
   const auto info = statOf(path);
   if (!info || !S_ISREG(info->st_mode)) return std::nullopt;

@@ -46,6 +46,7 @@ class QN_EXPORT FileManager {
   virtual bool fileExistsAtPath(const std::string& path);  // of any kind, links followed
   virtual bool isRegularFile(const std::string& path);     // links followed
   virtual bool isDirectory(const std::string& path);       // links followed
+  virtual bool isSymbolicLink(const std::string& path);    // also "link/"
   virtual std::optional<int64_t> sizeOfFile(
       const std::string& path);  // regular files only, links followed
   virtual std::optional<Identity> identityOf(const std::string& path);  // links followed

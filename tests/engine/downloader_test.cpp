@@ -13,6 +13,7 @@
 #include "platform/FileManager.h"
 #include "platform/host/QNLog.h"
 #include "tests/support/DownloaderWorld.h"
+#include "tests/support/UserNamespace.h"
 
 namespace {
 
@@ -265,8 +266,9 @@ TEST_F(Downloader, MakesNoSetOfADownloadThatCannotBeRead) {
   world.root.write(stored + QNMoviePropertiesFileName, text);
   world.launch();
   for (const int errnum : {EACCES, EMFILE, EIO}) {
-    world.files.setFault([&](const auto&, const std::string& path) {
-      return path.find(QNMoviePropertiesFileName) != std::string::npos ? errnum : 0;
+    world.files.setFault([&](const auto& method, const std::string& path) {
+      const bool isFile = path.ends_with(QNMoviePropertiesFileName);
+      return method == "contentsAtPath" && isFile ? errnum : 0;
     });
     EXPECT_EQ(world.activate(), nullptr);
     const auto error = fetch()->error;
@@ -561,6 +563,55 @@ TEST_F(Downloader, RemovesEverythingAlsoWhatWasNeverActive) {
   EXPECT_FALSE(std::filesystem::exists(world.root.path("downloads")));
   EXPECT_TRUE(world.downloader->activeDownloadSets().empty());
   world.downloader->removeAll();  // nothing is there: no failure
+}
+
+TEST_F(Downloader, RemovesAllOfARootThatHasToStay) {
+  qntest::TempDirectory elsewhere;
+  const auto removeAll = [&] {
+    elsewhere.write("strange", "x");
+    const auto set = started();
+    EXPECT_NO_THROW(world.downloader->removeAll());
+    EXPECT_TRUE(std::filesystem::is_empty(world.root.path("downloads")));
+    EXPECT_TRUE(world.downloader->activeDownloadSets().empty());
+  };
+  std::filesystem::create_directory_symlink(elsewhere.path(), world.root.path("downloads"));
+  removeAll();
+  EXPECT_TRUE(std::filesystem::is_symlink(world.root.path("downloads")));
+  std::filesystem::remove(world.root.path("downloads"));
+  std::filesystem::create_directory(world.root.path("downloads"));
+  EXPECT_NE(qntest::runInUserNamespace([&] {
+              qntest::mountTmpfs(world.root.path("downloads"), 1 << 20);
+              removeAll();
+            }),
+            false);
+}
+
+TEST_F(Downloader, WhatARemovalTookIsGoneAndTheRestIsUsable) {
+  const auto gone = started();
+  const std::string url = "http://host/movie/other.mpd";
+  const auto kept = world.downloader->storeDownloadSetForURL(
+      url, qntest::makePlaylist({{QNMediaTypeVideo, "w", {"w/1"}}}),
+      std::make_shared<const platform::Data>(3), nullptr);
+  // First a download resists, then nothing but the root.
+  for (const std::string& resisting : {kept->downloadPath(), world.root.path("downloads")}) {
+    world.files.setFault([&](const auto& method, const std::string& path) {
+      const bool isMove = method == "moveItem" && resisting == kept->downloadPath();
+      return path == resisting || (isMove && path.find(kept->downloadId()) != std::string::npos)
+                 ? EACCES
+                 : 0;
+    });
+    EXPECT_EQ(thrownBy([&] { world.downloader->removeAll(); }).reason(),
+              "Failed to remove all downloader files");
+    world.files.setFault(nullptr);
+    EXPECT_FALSE(gone->downloadWithAdditionalHeaders(nullptr))
+        << "nothing makes its directory again";
+    if (resisting != kept->downloadPath()) continue;
+    EXPECT_EQ(world.downloader->activeDownloadSets(), QNMovieDownloader::Sets{kept});
+    kept->selectAllQualities();
+    EXPECT_TRUE(world.downloader->download(kept));
+  }
+  EXPECT_TRUE(world.downloader->activeDownloadSets().empty());
+  EXPECT_FALSE(std::filesystem::exists(world.directory()));
 }
 
 TEST_F(Downloader, ControlsAllOfItsSets) {
