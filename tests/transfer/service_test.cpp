@@ -1,6 +1,7 @@
 #include <fstream>
 #include <thread>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -419,6 +420,77 @@ class OtherVersion {
   std::thread thread_;
 };
 
+// A service that answers and stores nothing; over each second reservation it dies.
+class ForgetfulService {
+ public:
+  ForgetfulService() {
+    EXPECT_EQ("", prepareSocketDirectory(socketPath()));
+    int error = 0;
+    listener_ = listenAt(socketPath(), &error);
+    ::fcntl(listener_.get(), F_SETFL, 0);
+    thread_ = std::thread([this] {
+      while (FileDescriptor client{::accept(listener_.get(), nullptr, nullptr)})
+        serve(client.get());
+    });
+  }
+  ~ForgetfulService() {
+    ::shutdown(listener_.get(), SHUT_RDWR);
+    thread_.join();
+  }
+
+  std::atomic<int> lives{0};
+  std::atomic<size_t> created{0};  // by the batches that this life was told of
+
+ private:
+  void serve(int fd) {
+    std::string bytes(Hello::kSize, '\0');
+    if (!receiveAll(fd, bytes.data(), bytes.size(), 10'000)) return;
+    const std::string welcome = Hello{Hello::Kind::Welcome, kProtocolVersion, 1}.encode();
+    sendAll(fd, welcome.data(), welcome.size());
+    ++lives;
+    created = 0;
+    FrameReader frames;
+    for (int reservations = 0; reservations < 2;) {
+      const auto body = frames.next();
+      if (!body && !frames.fill(fd, frames.missing())) return;
+      const auto message = body ? decodeMessage(*body) : std::nullopt;
+      if (!message) continue;
+      Message answer = OpenedMessage{};
+      if (const auto* batch = std::get_if<BatchMessage>(&*message))
+        created += batch->calls.front().kind == TransferCall::Kind::Create;
+      if (const auto* bye = std::get_if<GoodbyeMessage>(&*message))
+        answer = DoneMessage{bye->number};
+      if (const auto* start = std::get_if<StartMessage>(&*message))
+        answer = StartedMessage{start->number, 0};
+      if (const auto* reserve = std::get_if<ReserveMessage>(&*message)) {
+        answer = ReservedMessage{reserve->number, next_ += reserve->count};
+        ++reservations;
+      }
+      const std::string frame = encodeFrame(answer);
+      if (!std::holds_alternative<BatchMessage>(*message)) sendAll(fd, frame.data(), frame.size());
+    }
+  }
+
+  FileDescriptor listener_;
+  TransferTaskId next_ = 1;
+  std::thread thread_;
+};
+
+TEST_F(ServiceTest, OnlyTheDurableAnswerSettlesABatch) {
+  ForgetfulService dying;
+  open();
+  tasks();
+  size_t made = 0;
+  while (dying.lives < 2 && made < 400) {
+    session_->downloadTaskWithRequest(
+        URLRequest::requestWithURL(URL::URLWithString(server_.url("/a"))));
+    ++made;
+  }
+  EXPECT_TRUE(eventually([&] { return dying.created >= made; }, 5))
+      << dying.created << " of " << made << " tasks were told again";
+  session_.reset();
+}
+
 TEST_F(ServiceTest, AnOlderServiceIsMadeToLeaveAndANewerOneIsRefused) {
   {
     const OtherVersion newer(kProtocolVersion + 1);
@@ -503,10 +575,23 @@ TEST_F(ServiceTest, NobodyIsStartedAfterAGoodbye) {
   withCommand.launchCommand = LaunchCommand{{"/bin/sh", "-c", "echo x >> " + log}, {}, {}};
   RawClient application;
   application.begin(withCommand, {server_.url("/a")});
-  application.send(GoodbyeMessage{5});
-  EXPECT_TRUE(application.receive());
-  application.hangUp();
   ASSERT_TRUE(server_.waitForSent("/a", 1'000));
+  const pid_t process = service();
+  TransferCall describe;
+  describe.kind = TransferCall::Kind::SetDescription;
+  describe.task = application.receive<EventsMessage>().events.at(0).task;
+  describe.description = "said last";
+  application.send(BatchMessage{5, {describe}});
+  application.send(GoodbyeMessage{6});
+  while (application.receive<DoneMessage>().number == 5)
+    continue;
+  qntest::killAndWait(process);
+  open();
+  session_.reset();
+  RawClient next;
+  EXPECT_EQ("said last", openAfterHangUp(withCommand, next).tasks.at(0).description.value_or(""));
+  next.send(GoodbyeMessage{2});
+  EXPECT_TRUE(next.receive());
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
   EXPECT_FALSE(qntest::readFile(log));
 }

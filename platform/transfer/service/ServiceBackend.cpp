@@ -341,10 +341,12 @@ bool ServiceBackend::take(Message&& message) {
       message);
   MutexLock lock(mutex_);
   const bool done = std::holds_alternative<DoneMessage>(message);
-  // The service answers in order of the numbers: this one and all before it are settled.
-  while (!unanswered_.empty() && unanswered_.front().number <= number)
+  // What is durable settles all before it, too. Any other answer is given at once, and overtakes
+  // the batches before it: it settles its own request alone.
+  while (done && !unanswered_.empty() && unanswered_.front().number <= number)
     unanswered_.pop_front();
-  lastDone_ = std::max(lastDone_, number);
+  if (done) lastDone_ = std::max(lastDone_, number);
+  if (!done) std::erase_if(unanswered_, [number](const auto& m) { return m.number == number; });
   if (const auto* reserved = std::get_if<ReservedMessage>(&message);
       reserved && number == reserving_) {
     reserving_ = 0;

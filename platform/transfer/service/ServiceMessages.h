@@ -67,8 +67,9 @@ struct ReservedMessage {
   uint64_t number = 0;
   uint64_t first = 0;  // 0: none could be had
 };
+// The only answer that says something of batches: others are given at once.
 struct DoneMessage {
-  uint64_t number = 0;  // this one and all before it
+  uint64_t number = 0;  // this one and all before it are durable
 };
 struct EventsMessage {
   std::vector<TransferEvent> events;

@@ -190,8 +190,9 @@ bool ServiceServer::takeMessage(ServiceConnection& connection, Message&& message
     connection.started = true;
     connection.answer(StartedMessage{start->number, slot->session->attach()});
   } else if (const auto* bye = std::get_if<GoodbyeMessage>(&message)) {
+    // Whoever leaves repeats nothing: without a word he waits for a moment, and goes.
+    if (slot->session->commit()) connection.answer(DoneMessage{bye->number});
     goodbye(connection);
-    connection.answer(DoneMessage{bye->number});
   } else {
     return false;
   }

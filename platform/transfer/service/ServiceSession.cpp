@@ -135,6 +135,12 @@ void ServiceSession::acknowledge(ServiceConnection& connection) const {
   connection.answer(DoneMessage{number});
 }
 
+bool ServiceSession::commit() {
+  engine_->submit({}, TransferBackend::Durability::Now);
+  const TransferMark mark = engine_->storedMark();
+  return applied_ == 0 || (mark.front == front_ && mark.number >= applied_);
+}
+
 void ServiceSession::note(const TransferCall& call) {
   switch (call.kind) {
     case TransferCall::Kind::Create:

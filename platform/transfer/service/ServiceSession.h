@@ -52,6 +52,8 @@ class ServiceSession {
   void submit(ServiceConnection& connection);
   // Answers what has become durable.
   void acknowledge(ServiceConnection& connection) const;
+  // Stores at once what took effect; false when it could not be stored.
+  [[nodiscard]] bool commit();
 
   // An application listens: endings that it may not have seen wait again. Returns how many.
   size_t attach();
