@@ -3,6 +3,7 @@
 #include <array>
 #include <cerrno>
 #include <fstream>
+#include <limits>
 #include <utility>
 
 #include <fcntl.h>
@@ -298,7 +299,8 @@ TransferTaskId TransferStore::reserveIdentifiers(uint64_t count) {
   {
     TransferRowReader row(database_, "SELECT seq FROM sqlite_sequence WHERE name = 'task'");
     if (row.next()) last = row.integer(0);
-    if (row.failed()) return 0;
+    if (row.failed() || last > std::numeric_limits<int64_t>::max() - static_cast<int64_t>(count))
+      return 0;
   }
   TransferRowWriter writer(statements_[Reserve]);
   writer.bind(last + static_cast<int64_t>(count));

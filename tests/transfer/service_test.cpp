@@ -212,6 +212,9 @@ std::vector<std::string> someFrames() {
   create.description = "d";
   TransferCall describe;
   describe.kind = TransferCall::Kind::SetDescription;
+  describe.task = 4;
+  TransferEvent plain;
+  plain.task = 1;
   TransferTaskInfo task;
   task.id = 9;
   task.request = request;
@@ -221,7 +224,7 @@ std::vector<std::string> someFrames() {
           encodeFrame(ReserveMessage{3, 17}),
           encodeFrame(OpenedMessage{4, "no", true, true, {task}}),
           encodeFrame(StartedMessage{5, 6}),
-          encodeFrame(EventsMessage{{someEvent(), TransferEvent{}}})};
+          encodeFrame(EventsMessage{{someEvent(), plain}})};
 }
 
 TEST(ServiceMessages, ReadBackToTheSameBytesAndRefuseEverythingCut) {
@@ -622,11 +625,21 @@ TEST_F(ServiceTest, BadClientsEndOnlyTheirOwnConnection) {
   const pid_t before = service();
   const std::string tooLong("\xff\xff\xff\x7f", 4);
   const std::string noSession = encodeFrame(StartMessage{1});
+  TransferCall noNumber;
+  noNumber.request = URLRequest::requestWithURL(nullptr);
+  TransferCall noRequest;
+  noRequest.task = 1;
+  const auto creating = [&](const TransferCall& call) {
+    return encodeFrame(OpenMessage{1, configuration("bad")}) +
+           encodeFrame(BatchMessage{2, {call}, true}) + encodeFrame(StartMessage{3});
+  };
   for (const std::string& bytes :
-       {std::string("\0\0\0\0", 4), tooLong, std::string("\1\0\0\0\xee", 5), noSession}) {
+       {std::string("\0\0\0\0", 4), tooLong, std::string("\1\0\0\0\xee", 5), noSession,
+        creating(noRequest), creating(noNumber)}) {
     RawClient bad;
     bad.sendBytes(bytes);
-    EXPECT_FALSE(bad.receive());
+    EXPECT_EQ(0u, bad.receive<StartedMessage>().number);
+    EXPECT_EQ(before, service());
   }
   int error = 0;
   const FileDescriptor noHello = connectTo(socketPath(), &error);

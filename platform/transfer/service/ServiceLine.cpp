@@ -4,6 +4,7 @@
 
 #include <sys/epoll.h>
 
+#include "platform/Log.h"
 #include "platform/transfer/CurlLoop.h"
 #include "platform/transfer/service/ServiceSession.h"
 
@@ -26,6 +27,16 @@ void ServiceLine::listen() {
 }
 
 void ServiceLine::ready(uint32_t events) {
+  try {
+    serve(events);
+  } catch (...) {
+    logError("Error: A client was dropped: " + describeCurrentException());
+    isReading_ = false;
+    if (connection_) end(std::nullopt);
+  }
+}
+
+void ServiceLine::serve(uint32_t events) {
   isReading_ = true;
   const bool isOpen = (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) == 0 || connection_->fill();
   std::optional<Message> other;

@@ -27,6 +27,7 @@ class ServiceLine {
 
  private:
   void ready(uint32_t events);
+  void serve(uint32_t events);
   bool takeMessages(std::optional<Message>& other);
   void listen();
   void end(std::optional<Message> message);

@@ -1,5 +1,6 @@
 #include "platform/transfer/service/ServiceMessages.h"
 
+#include <limits>
 #include <utility>
 
 #include "platform/transfer/service/Wire.h"
@@ -80,8 +81,12 @@ void writeRequest(WireWriter& out, const URLRequestPtr& request) {
   writeHeaders(out, request->allHTTPHeaderFields());
 }
 
+// Nothing is made or told of without one.
 URLRequestPtr readRequest(WireReader& in) {
-  if (!in.boolean()) return nullptr;
+  if (!in.boolean()) {
+    in.fail();
+    return nullptr;
+  }
   auto request = URLRequest::requestWithURL(readUrl(in));
   request->setHTTPMethod(in.text());
   const HTTPHeaders headers = readHeaders(in);
@@ -273,10 +278,17 @@ void writeCall(WireWriter& out, const TransferCall& call) {
   }
 }
 
+// From 1; the store's numbers are signed.
+TransferTaskId readTaskId(WireReader& in) {
+  const uint64_t id = in.u64();
+  if (id == 0 || id > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) in.fail();
+  return id;
+}
+
 TransferCall readCall(WireReader& in) {
   TransferCall call;
   call.kind = readEnum(in, TransferCall::Kind::Acknowledge);
-  call.task = in.u64();
+  call.task = readTaskId(in);
   if (call.kind == TransferCall::Kind::Create) {
     call.request = readRequest(in);
     call.source = in.u64();
@@ -301,7 +313,7 @@ void writeTask(WireWriter& out, const TransferTaskInfo& task) {
 
 TransferTaskInfo readTask(WireReader& in) {
   TransferTaskInfo task;
-  task.id = in.u64();
+  task.id = readTaskId(in);
   task.request = readRequest(in);
   task.description = readOptional(in);
   task.running = in.boolean();
@@ -334,7 +346,7 @@ void writeEvent(WireWriter& out, const TransferEvent& event) {
 TransferEvent readEvent(WireReader& in) {
   TransferEvent event;
   event.kind = readEnum(in, TransferEvent::Kind::Failed);
-  event.task = in.u64();
+  event.task = readTaskId(in);
   event.received = in.i64();
   event.expected = in.i64();
   event.responseNumber = in.u64();

@@ -98,6 +98,16 @@ void ServiceServer::handle(int fd, uint32_t events) {
     [[maybe_unused]] const ssize_t got = ::read(fd, &count, sizeof(count));
     return;
   }
+  try {
+    serve(fd, events);
+  } catch (...) {
+    // Of this client: the others are none the worse for it.
+    logError("Error: A client was dropped: " + describeCurrentException());
+    drop(fd);
+  }
+}
+
+void ServiceServer::serve(int fd, uint32_t events) {
   const auto found = connections_.find(fd);
   if (found == connections_.end()) return;
   if (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) {
@@ -321,8 +331,15 @@ void ServiceServer::drop(int fd) {
 
 void ServiceServer::collect() {
   for (auto& [key, slot] : slots_) {
-    if (auto returned = slot.session->takeReturned(); returned.connection)
-      takeBack(std::move(returned));
+    if (auto returned = slot.session->takeReturned(); returned.connection) {
+      const int fd = returned.connection->fd();
+      try {
+        takeBack(std::move(returned));
+      } catch (...) {
+        logError("Error: A client was dropped: " + describeCurrentException());
+        drop(fd);
+      }
+    }
     if (slot.connection >= 0) continue;
     slot.session->collect();
     considerLaunch(slot);

@@ -48,6 +48,7 @@ class ServiceServer {
   };
 
   void handle(int fd, uint32_t events);
+  void serve(int fd, uint32_t events);
   void accept();
   void readSignals();
   void reapChildren();
