@@ -1,6 +1,9 @@
 #include "platform/transfer/Download.h"
 
+#include <cerrno>
 #include <utility>
+
+#include <sys/stat.h>
 
 #include "platform/transfer/CurlLoop.h"
 
@@ -128,9 +131,11 @@ bool Download::exchangeDidReceiveHead(HttpHead head) {
 }
 
 bool Download::beginContent(HttpHead& head, bool continues) {
+  if (!openFile(continues)) {
+    return stop(continues && diskError_ == ENOENT ? End::FromZero : End::Disk);
+  }
   ++responses_;
   base_ = continues ? content_.received : 0;
-  if (!openFile(continues)) return stop(End::Disk);
   if (!continues) {
     content_.received = 0;
     content_.synced = 0;
@@ -152,6 +157,8 @@ bool Download::beginContent(HttpHead& head, bool continues) {
 bool Download::openFile(bool continues) {
   if (continues) {
     diskError_ = files_.openForAppend(content_.file, fd_);
+    // Written at its old end, a file that was cut would have a hole.
+    if (diskError_ == 0 && files_.size(content_.file) < content_.received) diskError_ = ENOENT;
     return diskError_ == 0;
   }
   const PartialName old = content_.file;
@@ -238,12 +245,19 @@ void Download::exchangeDidComplete(const HttpOutcome& outcome) {
   finish(End::Finished);
 }
 
+// Somebody else may have removed it, with its directory or without.
+bool Download::fileIsThere() const {
+  if (!fd_) return files_.size(content_.file) == content_.received;
+  struct stat status {};
+  return ::fstat(fd_.get(), &status) == 0 && status.st_nlink > 0;
+}
+
 void Download::finish(End end) {
   if (ended_) return;
   ended_ = true;
-  end_ = end;
+  end_ = end == End::Finished && !fileIsThere() ? End::FromZero : end;
   // Some file systems tell only now that a write failed.
-  if (const int error = fd_.close(); error != 0 && end == End::Finished) {
+  if (const int error = fd_.close(); error != 0 && end_ == End::Finished) {
     diskError_ = error;
     end_ = End::Disk;
   }

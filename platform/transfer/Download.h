@@ -77,6 +77,7 @@ class Download final : public HttpExchange::Observer {
   RangeAsked whatToAsk() const;
   [[nodiscard]] bool beginContent(HttpHead& head, bool continues);
   [[nodiscard]] bool openFile(bool continues);
+  bool fileIsThere() const;
   void presentWhole(const HttpHead& head);
   void setExpected(const HttpHead& head);
   bool stop(End end);

@@ -1,11 +1,10 @@
 #include "platform/transfer/FileFlusher.h"
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <utility>
-
-#include <unistd.h>
 
 #include "platform/Mutex.h"
 #include "platform/transfer/ThreadSetup.h"
@@ -25,6 +24,7 @@ struct FileFlusher::State {
   std::function<void()> done GUARDED_BY(mutex);
   bool started GUARDED_BY(mutex) = false;
   bool busy GUARDED_BY(mutex) = false;
+  PartialName current GUARDED_BY(mutex);  // while busy
   bool stop GUARDED_BY(mutex) = false;
 
   bool next(Request& request) {
@@ -39,16 +39,20 @@ struct FileFlusher::State {
     request = std::move(requests.front());
     requests.pop_front();
     busy = true;
+    current = request.what.file;
     return true;
   }
 
   void run() {
     Request request;
     while (next(request)) {
-      const bool safe = ::fdatasync(request.fd.get()) == 0;
+      request.what.error = PartialFiles::flush(request.fd.get());
       request.fd.reset();
       MutexLock lock(mutex);
-      if (!safe || stop) continue;
+      if (stop) continue;
+      if (request.what.error != 0) {
+        std::erase_if(requests, [&](const Request& r) { return r.what.file == request.what.file; });
+      }
       flushed.push_back(request.what);
       // Under the lock, so that it is not called once the flusher is gone.
       done();
@@ -70,6 +74,10 @@ FileFlusher::~FileFlusher() {
 
 void FileFlusher::flush(const Flushed& what, FileDescriptor fd) {
   MutexLock lock(state_->mutex);
+  const bool failed = std::any_of(
+      state_->flushed.begin(), state_->flushed.end(),
+      [&what](const Flushed& known) { return known.file == what.file && known.error != 0; });
+  if (failed) return;
   state_->requests.push_back({what, std::move(fd)});
   if (!std::exchange(state_->started, true)) {
     startThread("qn-flush", [state = state_] { state->run(); }).detach();
@@ -80,6 +88,15 @@ void FileFlusher::flush(const Flushed& what, FileDescriptor fd) {
 std::vector<FileFlusher::Flushed> FileFlusher::takeFlushed() {
   MutexLock lock(state_->mutex);
   return std::exchange(state_->flushed, {});
+}
+
+bool FileFlusher::isPending(const PartialName& file) const {
+  MutexLock lock(state_->mutex);
+  if (state_->busy && state_->current == file) return true;
+  const auto of = [&file](const Flushed& what) { return what.file == file; };
+  return std::any_of(state_->flushed.begin(), state_->flushed.end(), of) ||
+         std::any_of(state_->requests.begin(), state_->requests.end(),
+                     [&of](const State::Request& request) { return of(request.what); });
 }
 
 void FileFlusher::wait(int milliseconds) {

@@ -19,6 +19,7 @@ class FileFlusher {
     TransferTaskId task = 0;
     PartialName file;
     int64_t length = 0;  // of the file, now safe from a power loss
+    int error = 0;       // or why nothing more of it is than was before
   };
 
   // `done` is called on the thread of the flusher when takeFlushed() has something.
@@ -28,8 +29,12 @@ class FileFlusher {
   FileFlusher(const FileFlusher&) = delete;
   FileFlusher& operator=(const FileFlusher&) = delete;
 
+  // The system tells a failure once, and then takes the lost bytes for written. So after one
+  // nothing is flushed of that file until it was taken.
   void flush(const Flushed& what, FileDescriptor fd);
   std::vector<Flushed> takeFlushed();
+  // A flush of the file was not taken yet.
+  bool isPending(const PartialName& file) const;
   // Until nothing is left to flush, for at most `milliseconds`.
   void wait(int milliseconds);
 

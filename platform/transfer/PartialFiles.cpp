@@ -59,17 +59,27 @@ class NameText {
   size_t size_ = 0;
 };
 
+// Makes the directory when it is not there; null, or what kept it from being usable.
+ErrorPtr openDirectory(const std::string& directory, FileDescriptor& fd) {
+  auto error = FileManager::defaultManager().createDirectoryWithIntermediates(directory);
+  if (error) return error;
+  ::chmod(directory.c_str(), 0700);
+  fd.reset(::open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  return fd ? nullptr : Error::errorWithErrno(errno, "open", directory);
+}
+
 }  // namespace
 
 PartialFiles::PartialFiles(std::string directory) : directory_(std::move(directory)) {
-  const auto error = FileManager::defaultManager().createDirectoryWithIntermediates(directory_);
+  const auto error = openDirectory(directory_, self_);
   if (error) throw Exception("NSURLSessionException", error->localizedDescription());
-  ::chmod(directory_.c_str(), 0700);
-  self_.reset(::open(directory_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  if (!self_) {
-    throw Exception("NSURLSessionException",
-                    Error::errorWithErrno(errno, "open", directory_)->localizedDescription());
-  }
+}
+
+// Other threads may be using the descriptor: it is replaced in one step.
+int PartialFiles::makeAgain() const {
+  FileDescriptor made;
+  if (const auto error = openDirectory(directory_, made)) return static_cast<int>(error->code());
+  return ::dup3(made.get(), self_.get(), O_CLOEXEC) < 0 ? errno : 0;
 }
 
 std::string PartialFiles::path(const PartialName& name) const {
@@ -82,6 +92,10 @@ std::string PartialFiles::path(const PartialName& name) const {
 int PartialFiles::create(const PartialName& name, FileDescriptor& fd) const {
   if (const int error = fault("create")) return error;
   const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW;
+  fd.reset(::openat(self_.get(), NameText(name).c_str(), flags, 0600));
+  if (fd) return 0;
+  if (errno != ENOENT) return errno;
+  if (const int error = makeAgain()) return error;
   fd.reset(::openat(self_.get(), NameText(name).c_str(), flags, 0600));
   return fd ? 0 : errno;
 }
@@ -139,6 +153,11 @@ int PartialFiles::write(int fd, const char* bytes, size_t count, int64_t offset,
     written += static_cast<size_t>(done);
   }
   return 0;
+}
+
+int PartialFiles::flush(int fd) {
+  if (const int error = fault("flush")) return error;
+  return ::fdatasync(fd) == 0 ? 0 : errno;
 }
 
 void PartialFiles::setHook(Hook next) {

@@ -29,7 +29,7 @@ class PartialFiles {
   const std::string& directory() const { return directory_; }
   std::string path(const PartialName& name) const;
 
-  // A new, empty file; what lay there is replaced.
+  // A new, empty file; what lay there is replaced. A directory that vanished is made again.
   int create(const PartialName& name, FileDescriptor& fd) const;
   int openForAppend(const PartialName& name, FileDescriptor& fd) const;
   int64_t size(const PartialName& name) const;  // -1: there is none
@@ -43,13 +43,19 @@ class PartialFiles {
   // Writes all at `offset`; returns 0 or an errno and how much was written.
   static int write(int fd, const char* bytes, size_t count, int64_t offset, size_t& written);
 
+  // Brings the file to the disk.
+  static int flush(int fd);
+
   // For tests: asked before every operation that changes a file; a result other than 0 is the errno
   // that the operation fails with. Null removes it.
   using Hook = std::function<int(const char* operation)>;
   static void setHook(Hook hook);
 
  private:
+  int makeAgain() const;
+
   const std::string directory_;
+  // Keeps its number when the directory is made again.
   FileDescriptor self_;  // the directory: names in it need no walk from the root
 };
 

@@ -433,6 +433,28 @@ void TransferLedger::setSynced(TransferTaskId id, const PartialName& file, int64
   _markChanged(entry);
 }
 
+int64_t TransferLedger::dropUnsynced(const PartialName& file) {
+  MutexLock lock(mutex_);
+  // Resume data may have moved the file to another task.
+  const auto found = std::find_if(entries_.begin(), entries_.end(), [&file](const auto& entry) {
+    return entry.second->record.content.file == file;
+  });
+  // What has finished was told so already.
+  if (found == entries_.end()) return 0;
+  auto& record = found->second->record;
+  if (record.stage == TransferStage::Finished) return record.content.received;
+  auto& content = record.content;
+  if (content.synced == 0 || files().truncate(file, content.synced) != 0) {
+    dropContent(content);
+  } else {
+    content.received = content.synced;
+  }
+  record.effort.furthest = std::min(record.effort.furthest, content.received);
+  found->second->factsChanged = true;
+  _markChanged(found->second);
+  return content.received;
+}
+
 std::vector<TransferEvent> TransferLedger::end(const std::vector<Ending>& endings) {
   std::vector<TransferEvent> events;
   std::vector<TransferChange> changes;

@@ -63,6 +63,10 @@ class TransferLedger {
   // The first `length` bytes of the file have reached the disk; what the transfer tells of its
   // content leaves that alone.
   void setSynced(TransferTaskId id, const PartialName& file, int64_t length);
+  // Bytes of the file were lost on their way to the disk, nobody can say which: only the synced
+  // ones stay, in the file and in the record that names it. Returns how many. What writes to the
+  // file has to have ended.
+  int64_t dropUnsynced(const PartialName& file);
   struct Ending {
     TransferTaskId id = 0;
     TransferContent content;

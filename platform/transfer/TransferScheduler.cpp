@@ -1,7 +1,6 @@
 #include "platform/transfer/TransferScheduler.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <tuple>
 #include <utility>
 
@@ -14,8 +13,6 @@ namespace {
 constexpr int64_t kReportIntervalMs = 100;
 // A suspended transfer keeps its connection for so long.
 constexpr int64_t kGraceMs = 5'000;
-constexpr int64_t kRoomCheckMs = 2'000;
-constexpr int64_t kRoomWanted = 4 << 20;
 // What is known of a response is stored with its first bytes; until then a kill drops them, because
 // nobody would know what they are of. A file that is no larger than this has so long to be whole
 // first, and needs no storing then.
@@ -23,21 +20,11 @@ constexpr int64_t kSmallFile = 64 << 10;
 constexpr int64_t kSmallFileMs = 10;
 // So many queued tasks of a host have jobs.
 constexpr size_t kQueuedJobs = 256;
-// Bytes go to the disk after so many, or less often; what is not there is lost with the power.
-constexpr int64_t kFlushBytes = 16 << 20;
-constexpr int64_t kFlushIntervalMs = 10'000;
-constexpr int64_t kFlushMinimum = 256 << 10;
 constexpr int kFlushWaitMs = 2'000;
-// While the byte rate allows it one more paused transfer goes on after so long.
-constexpr int64_t kReleaseIntervalMs = 5;
 
 std::string hostNameOf(const TransferLedger::Unfinished& task) {
   const URLPtr& url = task.request->url();
   return url ? url->origin() : "";
-}
-
-bool isFull(int error) {
-  return error == ENOSPC || error == EDQUOT;
 }
 
 }  // namespace
@@ -416,22 +403,19 @@ void TransferScheduler::takeEnd(Job& job) {
   job.content = download->content();
   switch (download->end()) {
     case Download::End::Finished:
-      return endJob(job, nullptr, false);
+      return endWhole(job);
     case Download::End::Part:
       return askOn(job);
     case Download::End::FromZero:
       job.content.received = 0;
       job.content.synced = 0;
+      job.content.expected = URLSessionTransferSizeUnknown;
       job.content.validator.clear();
       leaveActive(job);
       setTrying(job, false);
       return enqueue(job, true);
     case Download::End::Disk:
-      if (isFull(download->diskError())) return waitForRoom(job);
-      return endJob(job,
-                    Error::errorWithErrno(download->diskError(), "write",
-                                          ledger_.files().path(job.content.file)),
-                    false);
+      return takeDiskError(job, download->diskError());
     case Download::End::Status:
       if (job.retryDelayMs >= 0) return retry(job, job.retryDelayMs, job.holdHost);
       return failJob(job, {URLErrorNetworkConnectionLost, false, "the server is unavailable"},
@@ -485,32 +469,6 @@ void TransferScheduler::retry(Job& job, int64_t delayMs, bool holdHost) {
   static_cast<void>(ledger_.setContent(job.id, job.content, effort));
 }
 
-void TransferScheduler::waitForRoom(Job& job) {
-  leaveActive(job);
-  setTrying(job, false);
-  if (job.diskFullSinceMs < 0) job.diskFullSinceMs = now();
-  job.state = State::DiskFull;
-  job.untilMs = now() + kRoomCheckMs;
-  wakeLater(job.untilMs);
-  tellWait(job, URLSessionTaskWait::DiskFull, 0, ledger_.files().directory());
-  static_cast<void>(ledger_.setContent(job.id, job.content, job.effort));
-}
-
-void TransferScheduler::checkRoom(Job& job) {
-  if (now() - job.diskFullSinceMs >= options_.diskFullBoundMs) {
-    const bool resumable = job.content.received > 0 && !job.content.validator.empty();
-    return endJob(job,
-                  Error::errorWithErrno(ENOSPC, "write", ledger_.files().path(job.content.file)),
-                  resumable);
-  }
-  const int64_t free = ledger_.files().freeBytes();
-  const auto& content = job.content;
-  const int64_t missing = content.expected < 0 ? kRoomWanted : content.expected - content.received;
-  if (free < 0 || free >= std::min(missing, kRoomWanted)) return enqueue(job);
-  job.untilMs = now() + kRoomCheckMs;
-  wakeLater(job.untilMs);
-}
-
 void TransferScheduler::failJob(Job& job, const HttpOutcome& outcome, int64_t status) {
   Dictionary info;
   if (status != 0) info[QNURLErrorHTTPStatusKey] = status;
@@ -536,60 +494,6 @@ void TransferScheduler::commitEndings() {
   endedResponses_.clear();
 }
 
-// --- Rate and disk ------------------------------------------------------------------------------
-
-TransferContent& TransferScheduler::contentOf(Job& job) {
-  return job.download ? job.download->content() : job.content;
-}
-
-// Piece by piece: a round may read all that the system has taken in meanwhile.
-void TransferScheduler::downloadDidRead(Download& download, int64_t count) {
-  limiter_.take(count, now());
-  Job* const job = find(download.task());
-  if (!job || job->throttled || job->state != State::Active || limiter_.mayRead(now())) return;
-  job->throttled = true;
-  download.pause();
-  throttled_.push_back(job->id);
-  nextReleaseMs_ = std::min(nextReleaseMs_, limiter_.nextReadMs(now()));
-}
-
-// One after the other, each when what the one before read too much is paid back.
-void TransferScheduler::releaseThrottled() {
-  if (nextReleaseMs_ > now()) return;
-  nextReleaseMs_ = kNeverMs;
-  if (!limiter_.mayRead(now())) {
-    nextReleaseMs_ = limiter_.nextReadMs(now());
-    return;
-  }
-  while (!throttled_.empty()) {
-    Job* const job = find(throttled_.front());
-    throttled_.pop_front();
-    if (!job || !job->throttled || job->state != State::Active || !job->download) continue;
-    job->throttled = false;
-    job->activeAtMs = now();
-    nextTimeoutMs_ = std::min(nextTimeoutMs_, now() + options_.stallTimeoutMs);
-    job->download->unpause();
-    break;
-  }
-  if (!throttled_.empty()) nextReleaseMs_ = now() + kReleaseIntervalMs;
-}
-
-// When there are so many new bytes that can be continued.
-void TransferScheduler::considerFlush(Job& job, int64_t bytes) {
-  const auto& content = contentOf(job);
-  if (content.received - job.flushAsked < bytes || content.validator.empty()) return;
-  job.flushAsked = content.received;
-  job.flushAtMs = now();
-  FileDescriptor fd;
-  if (ledger_.files().openForAppend(content.file, fd) != 0) return;
-  flusher_.flush({job.id, content.file, content.received}, std::move(fd));
-}
-
-void TransferScheduler::takeFlushed() {
-  for (const auto& flushed : flusher_.takeFlushed())
-    ledger_.setSynced(flushed.task, flushed.file, flushed.length);
-}
-
 // --- Time ---------------------------------------------------------------------------------------
 
 int64_t TransferScheduler::nextDeadlineMs() const {
@@ -605,7 +509,8 @@ void TransferScheduler::runTimers() {
   tellAllQueued_ = true;  // a host may be asked again
   std::vector<TransferTaskId> due;
   for (const auto& [id, job] : jobs_) {
-    if (job->state == State::Queued || job->state == State::Active) continue;
+    const auto state = job->state;
+    if (state == State::Queued || state == State::Active || state == State::Flushing) continue;
     if (job->untilMs <= now()) {
       due.push_back(id);
     } else {
@@ -620,6 +525,7 @@ void TransferScheduler::runTimer(Job& job) {
   switch (job.state) {
     case State::Queued:
     case State::Active:
+    case State::Flushing:
       return;
     case State::Graced:
       return park(job);

@@ -30,6 +30,11 @@ class CurlLoop;
 // ledger.
 class TransferScheduler final : public Download::Owner {
  public:
+  // Bytes go to the disk after so many, or less often; what is not there is lost with the power.
+  static constexpr int64_t kFlushBytes = 16 << 20;
+  static constexpr int64_t kFlushIntervalMs = 10'000;
+  static constexpr int64_t kFlushMinimum = 256 << 10;
+
   TransferScheduler(TransferLedger& ledger, CurlLoop& loop, TransferClock& clock,
                     const TransferOptions& options);
   ~TransferScheduler() override;
@@ -54,6 +59,7 @@ class TransferScheduler final : public Download::Owner {
     Graced,    // suspended a moment ago, with its connection
     Retrying,  // at untilMs
     DiskFull,  // looks again at untilMs
+    Flushing,  // whole, while a flush of its file is under way
   };
 
   struct Host {
@@ -94,6 +100,7 @@ class TransferScheduler final : public Download::Owner {
     bool throttled = false;  // paused by the rate limit
     int64_t flushAsked = 0;  // bytes that were sent to the disk
     int64_t flushAtMs = 0;   // when
+    int failedFlushes = 0;   // in a row
     URLSessionTaskWait toldWait = URLSessionTaskWait::None;
   };
 
@@ -125,6 +132,9 @@ class TransferScheduler final : public Download::Owner {
   void releaseThrottled();
   void considerFlush(Job& job, int64_t bytes);
   void takeFlushed();
+  void takeFailedFlush(const FileFlusher::Flushed& flushed);
+  void endWhole(Job& job);
+  void takeDiskError(Job& job, int error);
   static TransferContent& contentOf(Job& job);
 
   void takeTouched();
@@ -177,6 +187,7 @@ class TransferScheduler final : public Download::Owner {
   std::deque<TransferTaskId> throttled_;
   int64_t nextReleaseMs_ = kNeverMs;
   FileFlusher flusher_;
+  std::vector<TransferTaskId> flushing_;  // in that state
   std::mt19937_64 random_;
 };
 

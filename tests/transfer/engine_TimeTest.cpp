@@ -1,4 +1,6 @@
 #include <cerrno>
+#include <filesystem>
+#include <functional>
 
 #include <gtest/gtest.h>
 
@@ -221,6 +223,61 @@ TEST_F(TimeTest, LongSuspensionGivesTheConnectionUpAndGoesOnFromTheFile) {
   EXPECT_EQ(2u, server_.requestCount("/a"));
   EXPECT_EQ(0u, server_.bytesSentAgain("/a"));
   expectWhole(task, 300000);
+}
+
+// Of 300,000 bytes 100,000 came before somebody interfered, twice in a row.
+TEST_F(TimeTest, FetchesAgainWhatVanished) {
+  namespace fs = std::filesystem;
+  server_.serve("/a", 300000);
+  const std::string partial = directory_.path("partial");
+  const std::pair<const char*, std::function<void(const std::string& file)>> rows[] = {
+      {"the file", [](const auto& file) { fs::remove(file); }},
+      {"a piece of it", [](const auto& file) { fs::resize_file(file, 1000); }},
+      {"the directory", [&](const auto&) { fs::remove_all(partial); }},
+  };
+  open();
+  for (const auto& [what, happens] : rows) {
+    for (const Fault& fault : {Fault::reset(100000), Fault::hold(100000)}) {
+      server_.script("/a", {fault});
+      const auto task = begin("/a");
+      ASSERT_TRUE(recorder_->waitUntil([&] { return task->countOfBytesReceived() == 100000; }, 0) ||
+                  passUntil([&] { return task->countOfBytesReceived() == 100000; }, 20) != -1);
+      const bool broken = fault.resetAt >= 0;
+      EXPECT_TRUE(!broken || waits(task, URLSessionTaskWait::Retry));
+      if (broken || what != std::string("a piece of it")) {
+        happens(partial + "/" + std::to_string(task->taskIdentifier()) + ".1");
+      }
+      server_.release("/a");
+      ASSERT_NE(-1, passUntil([&] { return ended(task); })) << what;
+      EXPECT_EQ(nullptr, task->error()) << what << task->error()->localizedDescription();
+      expectWhole(task, 300000);
+    }
+  }
+}
+
+// A failed flush is told once; after it the system knows nothing of what was lost.
+TEST_F(TimeTest, FetchesAgainWhatAFailedFlushLeftUnsafe) {
+  std::atomic<int> flushes{0};
+  std::atomic<int> failing{2};
+  PartialFiles::setHook([&](const char* operation) {
+    return std::string_view(operation) == "flush" && ++flushes == failing ? EIO : 0;
+  });
+  server_.serve("/a", 1'500'000);
+  server_.script("/a", {Fault::reset(500'000), Fault::reset(500'000)});
+  open();
+  const auto task = begin("/a");
+  ASSERT_NE(-1, passUntil([&] { return ended(task); }));
+  expectWhole(task, 1'500'000);
+  EXPECT_EQ(500'000u, server_.bytesSentAgain("/a"));
+  EXPECT_EQ("bytes=500000-", server_.requests("/a").back().header("Range"));
+  // Where no flush ever succeeds the task ends with that error.
+  PartialFiles::setHook(
+      [](const char* operation) { return std::string_view(operation) == "flush" ? EIO : 0; });
+  server_.serve("/b", 1'000'000);
+  server_.script("/b", {}, Fault::reset(500'000));
+  const auto hopeless = begin("/b");
+  ASSERT_NE(-1, passUntil([&] { return ended(hopeless); }));
+  EXPECT_EQ(EIO, hopeless->error()->code());
 }
 
 TEST_F(TimeTest, WaitsForRoomAndGoesOn) {
