@@ -88,6 +88,7 @@ JSON handover(const Options& options) {
   for (const auto& [name, value] : options.headers.fields())
     headers.set(name, value);
   json.set("headers", std::move(headers));
+  json.set("headerOrigins", toJSON(options.headerOrigins));
   return json;
 }
 
@@ -105,6 +106,7 @@ Options takeOver(const JSON& json) {
     for (const auto& [name, value] : headers->members())
       options.headers.set(name, value.string().value_or(""));
   }
+  options.headerOrigins = stringsFromJSON(json.find("headerOrigins"));
   return options;
 }
 

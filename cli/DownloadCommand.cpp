@@ -77,7 +77,8 @@ class DownloadCommand {
 
     DownloadRun run(downloader, set, std::move(wanted));
     const bool complete = run.isComplete();
-    if (complete || headersChanged_) run.dropEarlierTasks();
+    const bool originsChanged = set->headerOrigins() != record_.headerOrigins;
+    if (complete || headersChanged_ || originsChanged) run.dropEarlierTasks();
     if (complete) {
       static_cast<void>(_tellBegun(true));
       return _report(run, true);
@@ -161,6 +162,8 @@ class DownloadCommand {
       headersChanged_ = !(record_.headers == options_.headers);
       record_.headers = options_.headers;
     }
+    if (!options_.headerOrigins.empty()) record_.headerOrigins = options_.headerOrigins;
+    downloader.setHeaderOrigins(record_.headerOrigins);
     if (!options_.choice.isDefault()) {
       record_.choice = options_.choice;
     } else if (place_.hasProperties()) {

@@ -18,6 +18,8 @@ namespace cli {
 namespace {
 
 constexpr size_t kMostLines = 20;
+constexpr int kUnauthorized = 401;
+constexpr int kForbidden = 403;
 
 // Not the place that a manifest names, but the file system refuses.
 bool isWriteFailure(const platform::Error& error) {
@@ -40,6 +42,20 @@ const QNResourceErrors* resourceErrors(const platform::ErrorPtr& error) {
   const auto entry = error->userInfo().find(QNResourceErrorsKey);
   return entry == error->userInfo().end() ? nullptr
                                           : std::any_cast<QNResourceErrors>(&entry->second);
+}
+
+// Whether the answer may come from headers that were kept from this server.
+bool isRefusal(const platform::Error& error) {
+  return error.domain() == QNDownloadHTTPErrorDomain &&
+         (error.code() == kUnauthorized || error.code() == kForbidden);
+}
+
+std::string describeKeptHeaders(const QNMovieDownloadSet& set, const QNQualityDownloadInfo& info,
+                                const QNRangedURL& resource) {
+  const auto& headers = info.additionalHeaders();
+  const auto url = resource.resolveURL();
+  if (!headers || headers->empty() || !url || set.sendsHeadersTo(*url)) return {};
+  return "; headers were kept from this server (--header-origin " + url->origin() + " sends them)";
 }
 
 void printLine(const std::string& text) {
@@ -92,8 +108,11 @@ void DownloadReport::_add(const DownloadRun& run, const std::shared_ptr<QNQualit
   if (const auto* errors = resourceErrors(error)) {
     for (const auto& [index, cause] : *errors) {
       Part part{index, {}, describeError(*cause)};
-      if (index < info->resources().size())
-        part.url = info->resources()[index]->resource()->referenceURL();
+      if (index < info->resources().size()) {
+        const auto& resource = *info->resources()[index]->resource();
+        part.url = resource.referenceURL();
+        if (isRefusal(*cause)) part.error += describeKeptHeaders(*run.set(), *info, resource);
+      }
       cannotWrite_ = cannotWrite_ || isWriteFailure(*cause);
       entry.missing.push_back(std::move(part));
     }

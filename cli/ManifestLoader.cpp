@@ -41,6 +41,17 @@ std::string describeStatus(const platform::URLResponsePtr& response) {
          (text ? " (" + *text + ")" : "");
 }
 
+// What a refusal may come from: a redirect takes no headers to another origin.
+std::string describeLostHeaders(const std::string& url, const platform::HTTPHeaders& headers,
+                                const platform::URLResponsePtr& response) {
+  const auto http = std::dynamic_pointer_cast<const platform::HTTPURLResponse>(response);
+  const bool refused = http && (http->statusCode() == 401 || http->statusCode() == 403);
+  if (!refused || headers.empty() || !http->url()) return {};
+  const std::string origin = http->url()->origin();
+  if (origin == platform::URL(url).origin()) return {};
+  return " after a redirect to " + origin + ", where headers were not sent";
+}
+
 std::optional<std::string> reasonUnder(const platform::Exception& exception, const char* key) {
   const auto entry = exception.userInfo().find(key);
   if (entry == exception.userInfo().end()) return std::nullopt;
@@ -89,7 +100,11 @@ LoadedManifest parse(const platform::DataPtr& bytes, const std::string& source,
 
 LoadedManifest loadManifestFromURL(const std::string& url, const platform::HTTPHeaders& headers) {
   const Answer answer = fetch(url, headers);
-  if (answer.bytes) return parse(answer.bytes, url, describeStatus(answer.response));
+  if (answer.bytes) {
+    return parse(
+        answer.bytes, url,
+        describeStatus(answer.response) + describeLostHeaders(url, headers, answer.response));
+  }
   const bool tooLarge = answer.error && answer.error->domain() == platform::NSURLErrorDomain &&
                         answer.error->code() == platform::URLErrorDataLengthExceedsMaximum;
   const std::string reason = answer.error ? answer.error->localizedDescription() : "no answer";

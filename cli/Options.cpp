@@ -30,6 +30,7 @@ CLI::Option* addRepeatable(CLI::App* app, const std::string& name, std::vector<s
 struct Parsed {
   Options options;
   std::vector<std::string> headers;
+  std::vector<std::string> origins;
 
   void addCommon(CLI::App* app) {
     app->add_flag("--json", options.json, "Print the result as one JSON object");
@@ -41,8 +42,13 @@ struct Parsed {
   }
   void addHeaders(CLI::App* app) {
     addRepeatable(app, "--header", headers,
-                  "Sent with every request, also for the manifest; may be repeated")
+                  "Sent with every request to the manifest's origin; may be repeated")
         ->type_name("'NAME: VALUE'");
+  }
+  void addOrigins(CLI::App* app) {
+    addRepeatable(app, "--header-origin", origins,
+                  "Headers go to this origin as well; may be repeated")
+        ->type_name("SCHEME://HOST[:PORT]");
   }
   void addChoice(CLI::App* app) {
     const auto add = [&](const char* name, std::vector<std::string>& values, const char* type,
@@ -75,6 +81,7 @@ void addCommands(CLI::App& app, Parsed& parsed) {
   download->add_option("URL", options.target, "The manifest")->required();
   parsed.addChoice(download);
   parsed.addHeaders(download);
+  parsed.addOrigins(download);
   parsed.addRoot(download);
   parsed.addCommon(download);
   addServiceOptions(*download, options);
@@ -112,10 +119,21 @@ void addHeader(platform::HTTPHeaders& headers, const std::string& text) {
   headers.set(std::move(name), std::move(value));
 }
 
+std::string checkedOrigin(const std::string& text) {
+  const auto url = platform::URL::URLWithString(text);
+  if (!url || !url->isOrigin()) {
+    throw Failure(ExitUsage,
+                  "--header-origin " + text + " is not of the form http[s]://host[:port]");
+  }
+  return url->origin();
+}
+
 void complete(Parsed& parsed) {
   Options& options = parsed.options;
   for (const std::string& header : parsed.headers)
     addHeader(options.headers, header);
+  for (const std::string& origin : parsed.origins)
+    options.headerOrigins.push_back(checkedOrigin(origin));
   if (options.root.empty()) {
     options.root = platform::FileManager::pathByAppending(
         platform::FileManager::documentsDirectory(), "QNMovieDownloader");

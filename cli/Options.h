@@ -2,6 +2,7 @@
 
 #include <string>
 #include <variant>
+#include <vector>
 
 #include "cli/Choice.h"
 #include "platform/URLRequest.h"
@@ -16,6 +17,7 @@ struct Options {
   std::string target;  // the manifest (URL or path), the URL, or the URL or identifier
   std::string root;    // the download root as given, else the default one
   platform::HTTPHeaders headers;
+  std::vector<std::string> headerOrigins;  // that get the headers beside the manifest's
   Choice choice;
   std::string url;  // --url: which manifest URL a file stands for
   bool resources = false;

@@ -25,22 +25,6 @@ constexpr int64_t kMaximumBytes = 1 << 20;
                 "Cannot write " + path + ": " + std::generic_category().message(errno));
 }
 
-JSON toJSON(const std::vector<std::string>& values) {
-  JSON array = JSON::array();
-  for (const std::string& value : values)
-    array.append(value);
-  return array;
-}
-
-std::vector<std::string> stringsFromJSON(const JSON* json) {
-  std::vector<std::string> values;
-  if (!json) return values;
-  for (const JSON& item : json->items()) {
-    if (auto text = item.string()) values.push_back(std::move(*text));
-  }
-  return values;
-}
-
 std::optional<Record> fromJSON(const JSON& json) {
   const auto text = [&](const char* key) {
     const JSON* member = json.find(key);
@@ -59,6 +43,7 @@ std::optional<Record> fromJSON(const JSON& json) {
       if (const auto content = value.string()) record.headers.set(name, *content);
     }
   }
+  record.headerOrigins = stringsFromJSON(json.find("headerOrigins"));
   if (text("intent") == "pause") record.intent = Record::Intent::Pause;
   if (const JSON* service = json.find("service"))
     record.service = service->boolean().value_or(false);
@@ -84,6 +69,22 @@ void writeAndFlush(int fd, const std::string& text, const std::string& path) {
 }
 
 }  // namespace
+
+JSON toJSON(const std::vector<std::string>& values) {
+  JSON array = JSON::array();
+  for (const std::string& value : values)
+    array.append(value);
+  return array;
+}
+
+std::vector<std::string> stringsFromJSON(const JSON* json) {
+  std::vector<std::string> values;
+  if (!json) return values;
+  for (const JSON& item : json->items()) {
+    if (auto text = item.string()) values.push_back(std::move(*text));
+  }
+  return values;
+}
 
 JSON toJSON(const Choice& choice) {
   JSON json = JSON::object();
@@ -130,6 +131,7 @@ void Record::write(const std::string& path) const {
   for (const auto& [name, value] : headers.fields())
     fields.set(name, value);
   json.set("headers", std::move(fields));
+  json.set("headerOrigins", toJSON(headerOrigins));
   json.set("intent", intent == Intent::Pause ? "pause" : "download");
   json.set("service", service);
   if (outcome) {

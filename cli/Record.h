@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "cli/Choice.h"
 #include "platform/JSON.h"
@@ -26,6 +27,7 @@ struct Record {
   std::string root;  // canonical
   Choice choice;
   platform::HTTPHeaders headers;
+  std::vector<std::string> headerOrigins;  // that get the headers beside the manifest's
   Intent intent = Intent::Download;
   bool service = false;  // its transfers belong to the transfer service
   std::optional<Outcome> outcome;
@@ -45,5 +47,8 @@ struct Record {
 // choice.
 platform::JSON toJSON(const Choice& choice);
 Choice choiceFromJSON(const platform::JSON& json);
+platform::JSON toJSON(const std::vector<std::string>& values);
+// Null: none; what is no text is left out.
+std::vector<std::string> stringsFromJSON(const platform::JSON* json);
 
 }  // namespace cli

@@ -4,6 +4,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/Export.h"
 
@@ -55,6 +56,8 @@ struct QN_EXPORT QNHeaderNameLess {
 using QNHeaders = std::map<std::string, std::string, QNHeaderNameLess>;
 // Shared by every resource of a quality; null: none.
 using QNHeadersPtr = std::shared_ptr<const QNHeaders>;
+// Servers, each "scheme://host" or "scheme://host:port".
+using QNHeaderOrigins = std::vector<std::string>;
 
 // A response whose status is neither 200 nor 206: the code is the status.
 //   "QNStatusMessage"   std::string, the platform's text for the status or "Unknown Error"

@@ -338,6 +338,11 @@ void QNMutableMovieDownloadProperties::setDownloadedQualityIdentifiers(
   (void)_writeJSON();
 }
 
+bool QNMutableMovieDownloadProperties::isWritten() const {
+  RecursiveLock lock(mutex_);
+  return !unwritten_;
+}
+
 bool QNMutableMovieDownloadProperties::writeQueued() const {
   RecursiveLock lock(mutex_);
   return writeQueued_;

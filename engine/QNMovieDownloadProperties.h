@@ -28,7 +28,8 @@ inline constexpr const char* QNNumberOfDownloadedAudioQualitiesKey =
 inline constexpr const char* QNNumberOfDownloadedTextQualitiesKey =
     "QNNumberOfDownloadedTextQualities";
 inline constexpr const char* QNDownloadedQualityIdentifiersKey =
-    "QNDownloadedQualityIdentifiers";  // array of strings
+    "QNDownloadedQualityIdentifiers";                                 // array of strings
+inline constexpr const char* QNHeaderOriginsKey = "QNHeaderOrigins";  // array of strings, own
 
 // Reads a properties file. Thread-safe: each object is a lock of its own, held over file work.
 //
@@ -113,6 +114,8 @@ class QN_EXPORT QNMutableMovieDownloadProperties final : public QNMovieDownloadP
   void setNumberOfDownloadedTextQualities(uint64_t count);
   void setDownloadedQualityIdentifiers(const std::vector<std::string>& identifiers);
 
+  // Whether the file holds what this object does: the last write succeeded.
+  bool isWritten() const;
   // Whether a scheduled write is pending.
   bool writeQueued() const;
   void setWriteQueued(bool queued);

@@ -42,16 +42,6 @@ bool isRunning(const QNQualityDownloadInfo& info) {
   return info.status() == QNDownloadStatusRunning;
 }
 
-QNHeadersPtr headersOfTask(const platform::URLSessionDownloadTask& task) {
-  const auto request = task.originalRequest();
-  if (!request) return nullptr;
-  QNHeaders headers;
-  for (const auto& [name, value] : request->allHTTPHeaderFields().fields())
-    headers[name] = value;
-  headers.erase("Range");
-  return headers.empty() ? nullptr : std::make_shared<const QNHeaders>(std::move(headers));
-}
-
 }  // namespace
 
 // Tells the delegate, if there is one. The state is settled before, so that the delegate may call
@@ -402,8 +392,7 @@ bool QNMovieDownloadSet::reattachResource(const QNResourceId& id, const Task& ta
   if (wasIdle) ++numActive_;
   if (!wasRunning && isRunning(*info)) ++numRunning_;
   (void)_updateExpectedFrom(oldExpected, info->expectedBytes());
-  // The next segments need what this one was asked for with.
-  if (!info->additionalHeaders()) info->setAdditionalHeaders(headersOfTask(*task));
+  takeHeadersOfTask(task);
   _checkInvariants();
   return true;
 }

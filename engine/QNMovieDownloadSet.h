@@ -6,6 +6,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -81,6 +82,15 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
 
   QNHeadersPtr additionalHeaders() const;
   void setAdditionalHeaders(QNHeadersPtr headers);  // used from the next start on
+  // Own addition: which servers get the additional headers. nullopt (as long as nothing else was
+  // said): all, whatever the manifest names. Else the origin of `sourceURL` and these, each
+  // "scheme://host" or "scheme://host:port"; they are given back with their port. Kept in the
+  // properties file, so that a later launch acts alike. A redirect to another origin takes no
+  // headers along in either case. Only while idle: "Can't limit headers in non-idle state", "Not an
+  // origin: <text>", "Failed to record where headers may go" (then the limit before holds).
+  std::optional<QNHeaderOrigins> headerOrigins() const;
+  void setHeaderOrigins(const std::optional<QNHeaderOrigins>& origins);
+  bool sendsHeadersTo(const platform::URL& url) const;
   std::shared_ptr<QNMovieDownloadSetDelegate> delegate() const;
   void setDelegate(const std::shared_ptr<QNMovieDownloadSetDelegate>& delegate);  // held weakly
   std::any userObject() const;
@@ -194,6 +204,9 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
   QualityInfo infoForTask(const QNResourceId& id,
                           const platform::URLSessionDownloadTask& task) const REQUIRES(mutex_);
   QNHeadersPtr _mergeHeaders(const QNHeadersPtr& headers) const REQUIRES(mutex_);
+  void readHeaderOrigins() REQUIRES(mutex_);
+  void takeHeadersOfTask(const Task& task) REQUIRES(mutex_);
+  void giveHeaders(const QNHeadersPtr& headers) REQUIRES(mutex_);
   void _pauseQuality(const QualityInfo& info) REQUIRES(mutex_);
   void _resumeQuality(const QualityInfo& info) REQUIRES(mutex_);
   void _cancelQuality(const QualityInfo& info) REQUIRES(mutex_);
@@ -212,7 +225,10 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
   template <class Call>
   void tell(Call call) REQUIRES(mutex_);
 
-  // For the downloader. A set that is being removed does not start and does not touch its
+  // For the downloader. Headers that it was given: what was found again after a relaunch, limited
+  // and without a task that carries any, uses them from its next request on.
+  void adoptHeaders(const QNHeadersPtr& headers);
+  // A set that is being removed does not start and does not touch its
   // directory.
   void setRemoved(bool removed);
   bool isRemoved() const;
@@ -250,6 +266,8 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
   uint64_t starts_ GUARDED_BY(mutex_) = 0;  // tells a callback that started the set again
   bool removed_ GUARDED_BY(mutex_) = false;
   QNHeadersPtr additionalHeaders_ GUARDED_BY(mutex_);
+  QNHeadersPtr foundHeaders_ GUARDED_BY(mutex_);  // of tasks that an earlier launch made
+  std::optional<QNHeaderOrigins> headerOrigins_ GUARDED_BY(mutex_);
   std::weak_ptr<QNMovieDownloadSetDelegate> delegate_ GUARDED_BY(mutex_);
   std::any userObject_ GUARDED_BY(mutex_);
 };

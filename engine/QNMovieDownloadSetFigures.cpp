@@ -21,6 +21,7 @@ QNHeadersPtr QNMovieDownloadSet::additionalHeaders() const {
 void QNMovieDownloadSet::setAdditionalHeaders(QNHeadersPtr headers) {
   RecursiveLock lock(mutex_);
   additionalHeaders_ = std::move(headers);
+  adoptHeaders(nullptr);
 }
 
 std::shared_ptr<QNMovieDownloadSetDelegate> QNMovieDownloadSet::delegate() const {

@@ -139,6 +139,7 @@ void QNMovieDownloadSet::openProperties(const std::string& manifestName) {
   }
   if (!properties_) misuse("Properties file can neither be read nor replaced");
   places_->setProperties(properties_);
+  readHeaderOrigins();
 }
 
 // One walk over the directory, whatever is listed: no look at a file that is not there.

@@ -302,6 +302,18 @@ QNHeadersPtr QNMovieDownloader::additionalHeaders() const {
 void QNMovieDownloader::setAdditionalHeaders(QNHeadersPtr headers) {
   RecursiveLock lock(mutex_);
   additionalHeaders_ = std::move(headers);
+  for (const auto& [downloadId, set] : downloadIdSetMap_)
+    set->adoptHeaders(additionalHeaders_);
+}
+
+std::optional<QNHeaderOrigins> QNMovieDownloader::headerOrigins() const {
+  RecursiveLock lock(mutex_);
+  return headerOrigins_;
+}
+
+void QNMovieDownloader::setHeaderOrigins(std::optional<QNHeaderOrigins> origins) {
+  RecursiveLock lock(mutex_);
+  headerOrigins_ = std::move(origins);
 }
 
 // Identity and storage

@@ -75,6 +75,11 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
   void setDownloadPath(std::string path);  // of downloads that are activated from now on
   QNHeadersPtr additionalHeaders() const;
   void setAdditionalHeaders(QNHeadersPtr headers);  // of every request of a start by `download`
+  // Own addition: what `download` limits the headers of a set to before it starts
+  // (QNMovieDownloadSet::setHeaderOrigins, whose exceptions leave `download`). nullopt, the
+  // default, leaves every set as it is: a limit that was stored with a download still holds.
+  std::optional<QNHeaderOrigins> headerOrigins() const;
+  void setHeaderOrigins(std::optional<QNHeaderOrigins> origins);
 
   // The name of the download's directory: hashes of host (lower case), path and query. A directory
   // with the older form of the name (without query) is kept in use.
@@ -227,6 +232,7 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
   mutable platform::Mutex pathMutex_;
   std::string downloadPath_ GUARDED_BY(pathMutex_);
   QNHeadersPtr additionalHeaders_ GUARDED_BY(mutex_);
+  std::optional<QNHeaderOrigins> headerOrigins_ GUARDED_BY(mutex_);
   std::map<std::string, Set> downloadIdSetMap_ GUARDED_BY(mutex_);
   bool removingAll_ GUARDED_BY(mutex_) = false;  // nothing that is stored becomes active
   bool reattached_ GUARDED_BY(mutex_) = false;   // the session's tasks were taken back

@@ -122,6 +122,8 @@ bool QNMovieDownloader::download(const Set& set) {
   RecursiveLock lock(mutex_);
   const auto task = begin("QNMovieDownloader: Initiate download");
   _validateSet(set);
+  if (headerOrigins_ && set->status() == QNDownloadStatusIdle)
+    set->setHeaderOrigins(headerOrigins_);
   const bool started = set->downloadWithAdditionalHeaders(additionalHeaders_);
   end(task);
   return started;

@@ -123,7 +123,7 @@ bool QNResourceDownloadInfo::activate() {
   const auto controller = requiredController();
   if (status_ != QNDownloadStatusIdle || completed_) return false;
   const auto request = requestOfItsOwn();
-  if (additionalHeaders_) {
+  if (additionalHeaders_ && mayCarryHeaders(*request)) {
     for (const auto& [name, value] : *additionalHeaders_)
       request->setValueForHTTPHeaderField(value, name);
   }
@@ -283,6 +283,12 @@ std::shared_ptr<platform::URLRequest> QNResourceDownloadInfo::requestOfItsOwn() 
   auto request = resource()->prepareRequest();
   if (placeError()) request->setURL(nullptr);
   return request;
+}
+
+bool QNResourceDownloadInfo::mayCarryHeaders(const platform::URLRequest& request) const {
+  const auto owner = quality();
+  const auto set = owner ? owner->set() : nullptr;
+  return !set || !request.url() || set->sendsHeadersTo(*request.url());
 }
 
 void QNResourceDownloadInfo::writeDescription() {

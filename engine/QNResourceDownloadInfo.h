@@ -55,7 +55,8 @@ class QN_EXPORT QNResourceDownloadInfo final : public QNDownloadStats {
   std::shared_ptr<QNSessionController> controller() const;  // null when it is gone
 
   const QNHeadersPtr& additionalHeaders() const { return additionalHeaders_; }
-  // Added to the request of the next task, replacing headers of the same name.
+  // Added to the request of the next task, replacing headers of the same name, when the set sends
+  // them where the request goes (QNMovieDownloadSet::sendsHeadersTo).
   void setAdditionalHeaders(QNHeadersPtr headers) { additionalHeaders_ = std::move(headers); }
   // Null when idle. May be read on any thread.
   Task downloadTask() const;
@@ -118,6 +119,7 @@ class QN_EXPORT QNResourceDownloadInfo final : public QNDownloadStats {
   std::shared_ptr<QNResourceDownloadInfo> self();
   std::shared_ptr<QNSessionController> requiredController() const;
   std::shared_ptr<platform::URLRequest> requestOfItsOwn() const;
+  bool mayCarryHeaders(const platform::URLRequest& request) const;
   void writeDescription();
 
   QNResourceBlock& block_;

@@ -189,4 +189,9 @@ std::string URL::origin() const {
   return name + "://" + lowered(uri.host().value_or("")) + (port.empty() ? "" : ":" + port);
 }
 
+bool URL::isOrigin() const {
+  const std::string below = path();
+  return isHTTP() && (below.empty() || below == "/") && !user() && !query() && !fragment();
+}
+
 }  // namespace platform

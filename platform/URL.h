@@ -49,6 +49,8 @@ class QN_EXPORT URL {
 
   // Scheme, host and port (defaults filled in), lower case: what "the same server" means.
   std::string origin() const;
+  // Whether an http or https URL names its origin and nothing else (a path "/" is allowed).
+  bool isOrigin() const;
 
   explicit URL(std::string text);
 

@@ -287,6 +287,33 @@ TEST_F(DownloadTest, NewHeadersReplaceThoseOfTheTasksThatAreLeft) {
     EXPECT_EQ(request.header("X-Key"), "new") << request.path;
 }
 
+TEST_F(DownloadTest, HeadersStayWithTheManifestsOriginAndThoseThatAreNamed) {
+  FaultServer other;
+  for (const auto& [name, content] : sample("manifest")) {
+    FaultResource resource;
+    resource.literal = content;
+    if (name.starts_with("part-")) resource.requiredHeaders = {{"X-Key", "s"}};
+    other.serve("/film/" + name, resource);
+  }
+  FaultResource manifest;
+  manifest.literal = sample()["manifest.mpd"];
+  manifest.literal->insert(manifest.literal->find("<Period"),
+                           "<BaseURL>" + other.url("/film/") + "</BaseURL>");
+  manifest.requiredHeaders = {{"X-Key", "s"}};
+  server_.serve("/film/manifest.mpd", manifest);
+
+  const Ended kept = program_.download(url(), {"--header", "X-Key: s"});
+  EXPECT_EQ(kept.code, 1) << kept.err;
+  EXPECT_NE(kept.err.find("--header-origin " + other.url("")), std::string::npos) << kept.err;
+  for (const auto& request : other.requests())
+    EXPECT_EQ(request.header("X-Key"), std::nullopt) << request.path;
+  const Ended sent = program_.download(url(), {"--header-origin", other.url("/")});
+  EXPECT_EQ(sent.code, 0) << sent.err;
+  server_.script("/film/manifest.mpd", {Fault::redirect(other.url("/film/part-0-001.m4s"))});
+  const Ended redirected = program_.run({"info", "--header", "X-Key: s", url()});
+  EXPECT_NE(redirected.err.find("headers were not sent"), std::string::npos) << redirected.err;
+}
+
 TEST_F(DownloadTest, AnotherWayToWriteTheAddressGoesOnUnderTheStoredOne) {
   EXPECT_EQ(program_.download(url(), {"--video", "worst"}).code, 0);
   server_.clearLog();

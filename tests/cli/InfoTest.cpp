@@ -211,6 +211,7 @@ TEST_F(InfoTest, UsageErrorsEndWithTwo) {
       {"info", "a", "--header", "no colon"},
       {"info", "a", "--header", ": no name"},
       {"info", "a", "--header", "X: a\r\nY: b"},
+      {"download", "http://127.0.0.1:1/m", "--header-origin", "http://h/path"},
       {"download", "relative/manifest.mpd"},
       {"download", "ftp://h/manifest.mpd"},
       {"download", "file:///etc/passwd"},

@@ -18,6 +18,7 @@ Record sampleRecord() {
   record.choice = {{"720p", "v\n1"}, {}, {"none"}, false};
   record.headers.set("X-Key", "a: b");
   record.headers.set("Cookie", "c");
+  record.headerOrigins = {"https://h:443"};
   record.intent = Record::Intent::Pause;
   return record;
 }

@@ -214,6 +214,56 @@ TEST_F(Relaunch, LaterSegmentsAreAskedForLikeTheFirst) {
   EXPECT_EQ(next->originalRequest()->valueForHTTPHeaderField("Range"), std::nullopt);
 }
 
+TEST_F(Relaunch, HeadersGoWhereTheyWentBefore) {
+  const QNHeaders token{{"X-Token", "t"}};
+  const std::vector<std::string> nowhere = {"http://cdn/1", "http://cdn/2", "http://cdn/3",
+                                            "https://host/4"};
+  const std::vector<std::string> mixed = {"1", "http://cdn/2", "http://keys/3", "http://host:81/4"};
+  for (const auto& first : {mixed, nowhere}) {
+    std::vector<std::string> resources = first;
+    resources.insert(resources.end(), {"5", "http://cdn/6", "http://keys:80/7", "http://host/8"});
+    world.storeManifest({{QNMediaTypeVideo, "v", resources}});
+    world.launch();
+    world.downloader->setHeaderOrigins(QNHeaderOrigins{"http://KEYS:80/"});
+    world.downloader->setAdditionalHeaders(std::make_shared<QNHeaders>(token));
+    auto set = world.activate();
+    set->selectAllQualities();
+    ASSERT_TRUE(world.downloader->download(set));
+    const auto expectHeaders = [&](size_t from) {
+      for (const auto& task : world.session().tasks()) {
+        const auto request = task->originalRequest();
+        const std::string origin = request->url()->origin();
+        const bool sent = origin == "http://host:80" || origin == "http://keys:80";
+        EXPECT_EQ(request->valueForHTTPHeaderField("X-Token").has_value(), sent)
+            << request->url()->absoluteString() << " from " << from;
+      }
+    };
+    expectHeaders(0);
+    set.reset();
+    world.kill();
+    set = launched();
+    ASSERT_NE(set, nullptr);
+    EXPECT_EQ(set->headerOrigins(), QNHeaderOrigins{"http://keys:80"});
+    // No task that was left tells them: the application does.
+    if (first == nowhere)
+      world.downloader->setAdditionalHeaders(std::make_shared<QNHeaders>(token));
+    const auto left = world.session().tasks();
+    // One is tried again from its resume data, one from the start.
+    ASSERT_TRUE(world.session().fail(left[1], -1005, true));
+    ASSERT_TRUE(world.session().fail(left[2], -1005));
+    world.session().deliverEvents();
+    expectHeaders(1);
+    for (const auto& task : world.session().tasks())
+      world.session().serve(task, "body");
+    world.session().deliverEvents();
+    ASSERT_EQ(world.session().tasks().size(), 4U);
+    expectHeaders(5);
+    world.downloader->removeAll();
+    world.session().deliverEvents();
+    world.kill();
+  }
+}
+
 TEST_F(Relaunch, AForegroundDuringTheLaunchWaitsForTheTasks) {
   world.storeManifest(kMovie);
   leaveTask("http://host/movie/v/2", identity("v", 1, 2));
