@@ -5,12 +5,12 @@
 #include <system_error>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "cli/Console.h"
 #include "cli/Failure.h"
 #include "platform/FileManager.h"
+#include "platform/PrivateDirectory.h"
 
 namespace cli {
 namespace {
@@ -142,10 +142,11 @@ void Record::write(const std::string& path) const {
   }
 
   const std::string directory = path.substr(0, path.rfind('/'));
-  const auto error =
-      platform::FileManager::defaultManager().createDirectoryWithIntermediates(directory);
+  platform::ErrorPtr error;
+  // A person may have put a link to another disk in its place.
+  const auto real = platform::FileManager::defaultManager().canonicalPath(directory);
+  platform::openPrivateDirectory(real, platform::PrivateDirectoryMode::Tightened, error);
   if (error) throw Failure(ExitCannotWrite, error->localizedDescription());
-  ::chmod(directory.c_str(), 0700);
 
   const std::string temporary = path + "." + std::to_string(::getpid());
   ::unlink(temporary.c_str());

@@ -4,21 +4,26 @@
 #include <atomic>
 #include <cerrno>
 #include <charconv>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <string_view>
 #include <utility>
+#include <vector>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
 #include "platform/Exception.h"
-#include "platform/FileManager.h"
+#include "platform/PrivateDirectory.h"
 
 namespace platform {
 namespace {
+
+constexpr int kNewFile = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW;
 
 std::atomic<bool> hasHook{false};
 PartialFiles::Hook& hook() {
@@ -59,26 +64,19 @@ class NameText {
   size_t size_ = 0;
 };
 
-// Makes the directory when it is not there; null, or what kept it from being usable.
-ErrorPtr openDirectory(const std::string& directory, FileDescriptor& fd) {
-  auto error = FileManager::defaultManager().createDirectoryWithIntermediates(directory);
-  if (error) return error;
-  ::chmod(directory.c_str(), 0700);
-  fd.reset(::open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  return fd ? nullptr : Error::errorWithErrno(errno, "open", directory);
-}
-
 }  // namespace
 
 PartialFiles::PartialFiles(std::string directory) : directory_(std::move(directory)) {
-  const auto error = openDirectory(directory_, self_);
+  ErrorPtr error;
+  self_ = openPrivateDirectory(directory_, PrivateDirectoryMode::Tightened, error);
   if (error) throw Exception("NSURLSessionException", error->localizedDescription());
 }
 
 // Other threads may be using the descriptor: it is replaced in one step.
 int PartialFiles::makeAgain() const {
-  FileDescriptor made;
-  if (const auto error = openDirectory(directory_, made)) return static_cast<int>(error->code());
+  ErrorPtr error;
+  const auto made = openPrivateDirectory(directory_, PrivateDirectoryMode::Tightened, error);
+  if (error) return static_cast<int>(error->code());
   return ::dup3(made.get(), self_.get(), O_CLOEXEC) < 0 ? errno : 0;
 }
 
@@ -91,12 +89,18 @@ std::string PartialFiles::path(const PartialName& name) const {
 
 int PartialFiles::create(const PartialName& name, FileDescriptor& fd) const {
   if (const int error = fault("create")) return error;
-  const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW;
-  fd.reset(::openat(self_.get(), NameText(name).c_str(), flags, 0600));
+  const NameText text(name);
+  fd.reset(::openat(self_.get(), text.c_str(), kNewFile, 0600));
   if (fd) return 0;
-  if (errno != ENOENT) return errno;
-  if (const int error = makeAgain()) return error;
-  fd.reset(::openat(self_.get(), NameText(name).c_str(), flags, 0600));
+  int error = errno;
+  if (error == EEXIST) {
+    // It may be more than a name of one file of ours: the name goes, not its bytes.
+    error = ::unlinkat(self_.get(), text.c_str(), 0) == 0 ? 0 : errno;
+  } else if (error == ENOENT) {
+    error = makeAgain();
+  }
+  if (error != 0) return error;
+  fd.reset(::openat(self_.get(), text.c_str(), kNewFile, 0600));
   return fd ? 0 : errno;
 }
 
@@ -115,7 +119,9 @@ int64_t PartialFiles::size(const PartialName& name) const {
 
 int PartialFiles::truncate(const PartialName& name, int64_t length) const {
   if (const int error = fault("truncate")) return error;
-  return ::truncate(path(name).c_str(), length) == 0 ? 0 : errno;
+  FileDescriptor fd;
+  if (const int error = openForAppend(name, fd)) return error;
+  return ::ftruncate(fd.get(), length) == 0 ? 0 : errno;
 }
 
 void PartialFiles::remove(const PartialName& name) const {
@@ -123,21 +129,27 @@ void PartialFiles::remove(const PartialName& name) const {
 }
 
 size_t PartialFiles::removeAllBut(const std::set<PartialName>& kept) const {
-  const auto entries = FileManager::defaultManager().contentsOfDirectory(directory_);
+  const int list = ::openat(self_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const std::unique_ptr<DIR, int (*)(DIR*)> entries(list < 0 ? nullptr : ::fdopendir(list),
+                                                    &::closedir);
   if (!entries) return 0;
+  std::vector<PartialName> superfluous;
+  while (const auto* entry = ::readdir(entries.get())) {
+    const auto name = parseName(entry->d_name);
+    const bool isOurs = name && std::strcmp(NameText(*name).c_str(), entry->d_name) == 0;
+    if (isOurs && !kept.contains(*name)) superfluous.push_back(*name);
+  }
   size_t removed = 0;
-  for (const auto& entry : *entries) {
-    const auto name = parseName(entry.name);
-    if (name && kept.contains(*name)) continue;
-    if (entry.isDirectory || fault("remove") != 0) continue;
-    if (::unlink((directory_ + "/" + entry.name).c_str()) == 0) ++removed;
+  for (const PartialName& name : superfluous) {
+    if (fault("remove") != 0) continue;
+    if (::unlinkat(self_.get(), NameText(name).c_str(), 0) == 0) ++removed;
   }
   return removed;
 }
 
 int64_t PartialFiles::freeBytes() const {
   struct statvfs status {};
-  if (::statvfs(directory_.c_str(), &status) != 0) return -1;
+  if (::fstatvfs(self_.get(), &status) != 0) return -1;
   return static_cast<int64_t>(status.f_bavail) * static_cast<int64_t>(status.f_frsize);
 }
 

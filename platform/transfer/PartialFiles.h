@@ -19,11 +19,13 @@ struct PartialName {
   auto operator<=>(const PartialName&) const = default;
 };
 
-// The directory of partial files of one session (mode 0700, files 0600). Calls return 0 or an
-// errno. Thread-safe.
+// The directory of partial files of one session (mode 0700, files 0600). It may lie where others
+// write, beside downloads: all work is done relative to the directory that was opened, and only
+// names of this class's own are touched. Calls return 0 or an errno. Thread-safe.
 class PartialFiles {
  public:
-  // Throws platform::Exception "NSURLSessionException" when the directory cannot be made.
+  // Throws platform::Exception "NSURLSessionException" when the directory cannot be made, or what
+  // lies there is not a directory of this user's alone.
   explicit PartialFiles(std::string directory);
 
   const std::string& directory() const { return directory_; }
@@ -35,7 +37,8 @@ class PartialFiles {
   int64_t size(const PartialName& name) const;  // -1: there is none
   int truncate(const PartialName& name, int64_t length) const;
   void remove(const PartialName& name) const;
-  // Removes every file that is not among `kept`; returns how many there were.
+  // Removes every file with a name of this class's that is not among `kept`; returns how many there
+  // were.
   size_t removeAllBut(const std::set<PartialName>& kept) const;
   // Bytes that may still be written, -1 when that is not known.
   int64_t freeBytes() const;

@@ -12,8 +12,8 @@
 #include <unistd.h>
 
 #include "platform/Exception.h"
-#include "platform/FileManager.h"
 #include "platform/Log.h"
+#include "platform/PrivateDirectory.h"
 #include "platform/transfer/StoreLock.h"
 #include "platform/transfer/StoreReserve.h"
 #include "platform/transfer/TransferStoreRows.h"
@@ -64,10 +64,11 @@ struct TransferStore::Damaged {
 TransferStore::TransferStore(const std::string& directory, const std::string& partialDirectory,
                              const std::string& identifier, int lockWaitMs)
     : directory_(directory), path_(directory + "/" + kDatabaseName) {
-  const auto error = FileManager::defaultManager().createDirectoryWithIntermediates(directory);
+  ErrorPtr error;
+  openPrivateDirectory(directory, PrivateDirectoryMode::Tightened, error);
   if (error) refuse(error->localizedDescription());
-  ::chmod(directory.c_str(), 0700);
   lock_ = std::make_unique<StoreLock>(directory, identifier, lockWaitMs);
+  files_ = std::make_unique<PartialFiles>(partialDirectory);
   try {
     open(identifier);
   } catch (const Damaged& damaged) {
@@ -86,7 +87,6 @@ TransferStore::TransferStore(const std::string& directory, const std::string& pa
     closeDatabase();
     throw;
   }
-  files_ = std::make_unique<PartialFiles>(partialDirectory);
   reserve_ = std::make_unique<StoreReserve>(path_ + "-wal");
 }
 

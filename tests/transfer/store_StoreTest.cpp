@@ -1,4 +1,7 @@
+#include <filesystem>
 #include <fstream>
+#include <functional>
+#include <set>
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -13,6 +16,7 @@
 #include "platform/transfer/TransferStore.h"
 #include "platform/transfer/TransferStoreSchema.h"
 #include "tests/support/TempDirectory.h"
+#include "tests/support/UserNamespace.h"
 
 namespace {
 
@@ -236,6 +240,54 @@ TEST_F(StoreTest, IsPrivate) {
     ASSERT_EQ(0, ::stat(directory_.path(name).c_str(), &status)) << name;
     EXPECT_EQ(mode, status.st_mode & 0777u) << name;
   }
+}
+
+// Whoever may write where the directories are to lie could have been there first.
+TEST_F(StoreTest, FollowsNothingThatSomebodyPutInTheirPlace) {
+  const std::string victim = directory_.path("victim");
+  ::mkdir(victim.c_str(), 0755);
+  directory_.write("victim/5.1", "precious");
+  directory_.write("note", "precious");
+  for (const std::string name : {"store", "partial"}) {
+    const std::string path = directory_.path(name);
+    const std::function<void()> rows[] = {
+        [&] { ::symlink(victim.c_str(), path.c_str()); },
+        [&] { ::symlink("nowhere", path.c_str()); },
+        [&] { ::link(directory_.path("note").c_str(), path.c_str()); },
+        [&] {
+          ::mkdir(path.c_str(), 0777);
+          if (::chown(path.c_str(), qntest::AnotherUser::kNobody, 0) != 0) ::rmdir(path.c_str());
+        },
+    };
+    for (const auto& put : rows) {
+      SCOPED_TRACE(name + " " + std::to_string(&put - rows));
+      put();
+      struct stat status {};
+      if (::lstat(path.c_str(), &status) != 0) continue;  // only root can give one away
+      EXPECT_THROW(openLedger(), Exception);
+      EXPECT_EQ("precious", qntest::readFile(victim + "/5.1").value_or("gone"));
+      EXPECT_EQ(0, ::stat(victim.c_str(), &status));
+      EXPECT_EQ(0755u, status.st_mode & 0777);
+      std::filesystem::remove_all(path);
+    }
+  }
+  // What is in an own one is removed by its name, and where it leads nothing happens.
+  ::mkdir(directory_.path("partial").c_str(), 0700);
+  ::chmod(directory_.path("partial").c_str(), 0777);
+  for (const char* name : {"note", "5.1", "007.1", "8.1.tmp"})
+    directory_.write(std::string("partial/") + name, "");
+  ::symlink((victim + "/5.1").c_str(), directory_.path("partial/6.1").c_str());
+  ::link((victim + "/5.1").c_str(), directory_.path("partial/7.2").c_str());
+  openLedger();
+  std::set<std::string> left;
+  for (const auto& entry : std::filesystem::directory_iterator(directory_.path("partial")))
+    left.insert(entry.path().filename());
+  EXPECT_EQ((std::set<std::string>{"note", "007.1", "8.1.tmp"}), left);
+  const auto store = open();
+  ::link((victim + "/5.1").c_str(), directory_.path("partial/7.2").c_str());
+  FileDescriptor fd;
+  EXPECT_EQ(0, store->files().create({7, 2}, fd));
+  EXPECT_EQ("precious", qntest::readFile(victim + "/5.1").value_or("gone"));
 }
 
 TEST_F(StoreTest, AForkedChildDoesNotHoldIt) {

@@ -13,7 +13,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "platform/FileManager.h"
+#include "platform/PrivateDirectory.h"
 #include "platform/transfer/TransferOptions.h"
 #include "platform/transfer/service/Wire.h"
 
@@ -64,19 +64,9 @@ std::string socketPath() {
 
 std::string prepareSocketDirectory(const std::string& socketPath) {
   const std::string directory = socketPath.substr(0, socketPath.rfind('/'));
-  const std::string parent = directory.substr(0, directory.rfind('/'));
-  if (const ErrorPtr error = FileManager::defaultManager().createDirectoryWithIntermediates(parent))
-    return error->localizedDescription();
-  if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST)
-    return "Cannot make " + directory + ": " + std::strerror(errno);
-  struct stat status = {};
-  if (::lstat(directory.c_str(), &status) != 0)
-    return "Cannot look at " + directory + ": " + std::strerror(errno);
-  if (!S_ISDIR(status.st_mode)) return directory + " is no directory";
-  if (status.st_uid != ::geteuid()) return directory + " belongs to another user";
-  if ((status.st_mode & 077) != 0)
-    return directory + " is open to other users (its mode must be 0700)";
-  return {};
+  ErrorPtr error;
+  openPrivateDirectory(directory, PrivateDirectoryMode::Strict, error);
+  return error ? error->localizedDescription() : std::string();
 }
 
 bool peerIsThisUser(int fd) {

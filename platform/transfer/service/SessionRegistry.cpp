@@ -2,10 +2,10 @@
 
 #include <utility>
 
-#include <sys/stat.h>
-
+#include "platform/Exception.h"
 #include "platform/FileManager.h"
 #include "platform/Log.h"
+#include "platform/PrivateDirectory.h"
 #include "platform/transfer/TransferOptions.h"
 #include "platform/transfer/service/Wire.h"
 
@@ -39,8 +39,9 @@ URLSessionConfiguration SessionRecord::configuration() const {
 }
 
 SessionRegistry::SessionRegistry(std::string directory) : directory_(std::move(directory)) {
-  FileManager::defaultManager().createDirectoryWithIntermediates(directory_);
-  ::chmod(directory_.c_str(), 0700);
+  ErrorPtr error;
+  openPrivateDirectory(directory_, PrivateDirectoryMode::Tightened, error);
+  if (error) throw Exception("NSURLSessionException", error->localizedDescription());
 }
 
 std::string SessionRegistry::keyOf(const URLSessionConfiguration& configuration) {
@@ -87,10 +88,9 @@ void SessionRegistry::save(const SessionRecord& record) const {
   out.boolean(record.wantsToRun);
   out.u32(record.launches);
   const std::string path = pathOf(keyOf(record.configuration()));
-  if (const ErrorPtr error = FileManager::defaultManager().writeAtomically(path, out.bytes().data(),
-                                                                           out.bytes().size()))
+  if (const ErrorPtr error = FileManager::defaultManager().writeAtomically(
+          path, out.bytes().data(), out.bytes().size(), 0600))
     logError("Error: " + error->localizedDescription());
-  ::chmod(path.c_str(), 0600);
 }
 
 void SessionRegistry::remove(const std::string& key) const {

@@ -28,6 +28,8 @@ struct SessionRecord {
 // Damaged files are ignored and removed.
 class SessionRegistry {
  public:
+  // Throws platform::Exception "NSURLSessionException" when the directory cannot be had for this
+  // user alone.
   explicit SessionRegistry(std::string directory);
 
   std::vector<SessionRecord> load() const;
