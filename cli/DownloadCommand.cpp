@@ -83,6 +83,7 @@ class DownloadCommand {
       static_cast<void>(_tellBegun(true));
       return _report(run, true);
     }
+    _limitHeaders(*set);
     Console::shared().note("Storing " + url_ + " in " + place_.directory);
     Interrupt::deferSignals();
     Progress progress(Console::shared());
@@ -163,7 +164,6 @@ class DownloadCommand {
       record_.headers = options_.headers;
     }
     if (!options_.headerOrigins.empty()) record_.headerOrigins = options_.headerOrigins;
-    downloader.setHeaderOrigins(record_.headerOrigins);
     if (!options_.choice.isDefault()) {
       record_.choice = options_.choice;
     } else if (place_.hasProperties()) {
@@ -176,6 +176,14 @@ class DownloadCommand {
     for (const auto& [name, value] : record_.headers.fields())
       headers[name] = value;
     downloader.setAdditionalHeaders(std::make_shared<const QNHeaders>(std::move(headers)));
+  }
+
+  void _limitHeaders(QNMovieDownloadSet& set) const {
+    try {
+      set.setHeaderOrigins(record_.headerOrigins);
+    } catch (const platform::Exception& exception) {
+      throw Failure(ExitCannotWrite, "Cannot store " + url_ + ": " + reasonOf(exception));
+    }
   }
 
   std::shared_ptr<QNMovieDownloadSet> _set(QNMovieDownloader& downloader) {

@@ -86,8 +86,8 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
   // said): all, whatever the manifest names. Else the origin of `sourceURL` and these, each
   // "scheme://host" or "scheme://host:port"; they are given back with their port. Kept in the
   // properties file, so that a later launch acts alike. A redirect to another origin takes no
-  // headers along in either case. Only while idle: "Can't limit headers in non-idle state", "Not an
-  // origin: <text>", "Failed to record where headers may go" (then the limit before holds).
+  // headers along in either case. Changed only while idle: "Can't limit headers in non-idle state",
+  // "Not an origin: <text>", "Failed to record where headers may go" (then the limit before holds).
   std::optional<QNHeaderOrigins> headerOrigins() const;
   void setHeaderOrigins(const std::optional<QNHeaderOrigins>& origins);
   bool sendsHeadersTo(const platform::URL& url) const;

@@ -38,7 +38,6 @@ std::optional<QNHeaderOrigins> QNMovieDownloadSet::headerOrigins() const {
 
 void QNMovieDownloadSet::setHeaderOrigins(const std::optional<QNHeaderOrigins>& origins) {
   RecursiveLock lock(mutex_);
-  if (numActive_ != 0) misuse("Can't limit headers in non-idle state");
   std::optional<QNHeaderOrigins> next;
   if (origins) next.emplace();
   for (const std::string& text : origins.value_or(QNHeaderOrigins())) {
@@ -47,6 +46,7 @@ void QNMovieDownloadSet::setHeaderOrigins(const std::optional<QNHeaderOrigins>& 
     next->push_back(url->origin());
   }
   if (next == headerOrigins_) return;
+  if (numActive_ != 0) misuse("Can't limit headers in non-idle state");
   // Recorded before the first request that it is about, or the next launch would not know of it.
   if (!removed_) {
     if (next) {

@@ -627,6 +627,16 @@ TEST_F(Downloader, SendsItsHeadersWithEveryRequest) {
   const auto set = movie();
   set->selectAllQualities();
   world.downloader->setAdditionalHeaders(std::make_shared<QNHeaders>(QNHeaders{{"X-Token", "t"}}));
+  // A limit that is none, or that the next launch would not know of, starts nothing.
+  world.downloader->setHeaderOrigins(QNHeaderOrigins{"http://h/path"});
+  EXPECT_EQ(thrownBy([&] { world.downloader->download(set); }).reason(),
+            "Not an origin: http://h/path");
+  world.downloader->setHeaderOrigins(QNHeaderOrigins());
+  world.files.setFault([](const auto&, const auto&) { return ENOSPC; });
+  EXPECT_EQ(thrownBy([&] { world.downloader->download(set); }).reason(),
+            "Failed to record where headers may go");
+  EXPECT_TRUE(world.session().tasks().empty());
+  world.files.setFault(nullptr);
   world.downloader->download(set);
   for (const auto& task : world.session().tasks())
     EXPECT_EQ(task->originalRequest()->valueForHTTPHeaderField("X-Token"), "t");
