@@ -109,12 +109,22 @@ int PartialFiles::openForAppend(const PartialName& name, FileDescriptor& fd) con
   return fd ? 0 : errno;
 }
 
-int64_t PartialFiles::size(const PartialName& name) const {
+int PartialFiles::look(const PartialName& name, int64_t& size) const {
+  size = -1;
+  if (const int error = fault("stat")) return error;
   struct stat status {};
   const NameText text(name);
-  if (::fstatat(self_.get(), text.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return -1;
-  if (!S_ISREG(status.st_mode)) return -1;
-  return status.st_size;
+  if (::fstatat(self_.get(), text.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    return errno == ENOENT ? 0 : errno;
+  }
+  if (S_ISREG(status.st_mode)) size = status.st_size;
+  return 0;
+}
+
+int64_t PartialFiles::size(const PartialName& name) const {
+  int64_t size = -1;
+  static_cast<void>(look(name, size));
+  return size;
 }
 
 int PartialFiles::truncate(const PartialName& name, int64_t length) const {

@@ -34,7 +34,9 @@ class PartialFiles {
   // A new, empty file; what lay there is replaced. A directory that vanished is made again.
   int create(const PartialName& name, FileDescriptor& fd) const;
   int openForAppend(const PartialName& name, FileDescriptor& fd) const;
-  int64_t size(const PartialName& name) const;  // -1: there is none
+  // -1: there is none. An error means that nobody can say.
+  int look(const PartialName& name, int64_t& size) const;
+  int64_t size(const PartialName& name) const;  // -1: there is none that could be looked at
   int truncate(const PartialName& name, int64_t length) const;
   void remove(const PartialName& name) const;
   // Removes every file with a name of this class's that is not among `kept`; returns how many there

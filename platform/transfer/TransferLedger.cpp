@@ -7,6 +7,7 @@
 
 #include <sys/random.h>
 
+#include "platform/Exception.h"
 #include "platform/Log.h"
 #include "platform/transfer/TransferClock.h"
 #include "platform/transfer/TransferErrors.h"
@@ -117,18 +118,19 @@ TransferLedger::~TransferLedger() {
 // loss only what had been flushed is.
 void TransferLedger::_reconcileWithFile(TransferRecord& record, bool& drop) {
   auto& content = record.content;
-  const bool sameBoot = record.bootId == TransferStore::currentBootId();
+  const bool sameBoot = TransferStore::isCurrentBoot(record.bootId);
   record.bootId.clear();
   if (!sameBoot) record.effort.retryAtBootMs = 0;
 
-  const int64_t size = content.file.generation == 0 ? -1 : files().size(content.file);
+  int64_t size = -1;
+  if (content.file.generation > 0) require(files().look(content.file, size), content.file);
   const int64_t trusted = sameBoot ? size : std::min(size, content.synced);
   if (record.stage == TransferStage::Finished) {
     drop = size < 0;  // moved away: it was delivered
     if (drop || trusted == content.received) return;
     record.stage = TransferStage::None;
   }
-  if (size > trusted && files().truncate(content.file, trusted) != 0) return dropContent(content);
+  if (size > trusted) require(files().truncate(content.file, trusted), content.file);
   const bool tooLong = content.expected >= 0 && trusted > content.expected;
   content.received = std::max<int64_t>(0, trusted);
   if (size < 0 || tooLong || !canBeContinued(content)) {
@@ -136,6 +138,13 @@ void TransferLedger::_reconcileWithFile(TransferRecord& record, bool& drop) {
     record.resumeToken.clear();
   }
   content.synced = std::min(content.synced, content.received);
+}
+
+// An error that says nothing about the file must not cost the task what it has.
+void TransferLedger::require(int error, const PartialName& file) const {
+  if (error == 0) return;
+  const auto why = Error::errorWithErrno(error, "look at", files().path(file));
+  throw Exception("NSURLSessionException", why->localizedDescription());
 }
 
 void TransferLedger::setNow(std::function<int64_t()> now) {

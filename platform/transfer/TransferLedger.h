@@ -24,7 +24,7 @@ class TransferLedger {
   TransferLedger(std::unique_ptr<TransferStore> store, bool ephemeral);
   ~TransferLedger();  // commits
 
-  PartialFiles& files() { return store_->files(); }
+  PartialFiles& files() const { return store_->files(); }
   bool stateWasLost() const { return store_->stateWasLost(); }
 
   std::vector<TransferTaskInfo> tasks() const;
@@ -88,6 +88,7 @@ class TransferLedger {
   using EntryPtr = std::shared_ptr<Entry>;
 
   void _adopt(TransferRecord record) REQUIRES(mutex_);
+  void require(int error, const PartialName& file) const;
   void _reconcileWithFile(TransferRecord& record, bool& drop) REQUIRES(mutex_);
   void _apply(const TransferCall& call, std::vector<TransferTaskId>& touched,
               std::vector<TransferEvent>& events) REQUIRES(mutex_);

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <fstream>
 #include <limits>
 #include <utility>
@@ -49,6 +50,19 @@ std::string placeholders(const std::string& columns) {
 
 bool meansDamage(int code) {
   return (code & 0xFF) == SQLITE_CORRUPT || (code & 0xFF) == SQLITE_NOTADB;
+}
+
+// A check tells of a page that could not be read as of one that is damaged, but for the code of the
+// error in its text.
+bool namesATransientError(const std::string& report) {
+  constexpr std::string_view kMark = "error code";
+  for (size_t at = report.find(kMark); at != report.npos; at = report.find(kMark, at)) {
+    at += kMark.size() + 1;  // and a blank or "="
+    int code = 0;
+    if (at < report.size()) std::from_chars(&report[at], report.data() + report.size(), code);
+    if (code != 0 && !meansDamage(code)) return true;
+  }
+  return false;
 }
 
 [[noreturn]] void refuse(const std::string& reason) {
@@ -138,10 +152,17 @@ void TransferStore::checkVersion() {
   if (version < 0 || (version == 0 && !empty)) throw Damaged{"it has no version"};
   run("PRAGMA journal_mode = WAL");
   run("PRAGMA synchronous = NORMAL");
-  TransferRowReader check(database_, "PRAGMA quick_check(1)");
-  if (!check.next() || check.text(0) != "ok") throw Damaged{check.text(0)};
-  check.finish();
+  checkPages();
   migrate(version);
+}
+
+void TransferStore::checkPages() {
+  TransferRowReader check(database_, "PRAGMA quick_check(1)");
+  if (!check.next()) fail("check");
+  const std::string report = check.text(0);
+  if (report == "ok") return;
+  if (namesATransientError(report)) refuse("Cannot read the store " + path_ + ": " + report);
+  throw Damaged{report};
 }
 
 void TransferStore::migrate(int64_t version) {
@@ -186,6 +207,7 @@ void TransferStore::checkIdentifier(const std::string& identifier) {
     refuse("The store " + path_ + " belongs to the session \"" + stored + "\", not to \"" +
            identifier + "\"");
   }
+  if (row.failed()) fail("read");
   row.finish();
   TransferRowWriter writer(database_, "INSERT INTO session(id, identifier) VALUES(1, ?)");
   writer.bind(identifier);
@@ -214,7 +236,7 @@ bool TransferStore::saveSession(const TransferOptions& options) {
 
 TransferSessionRecord TransferStore::session() {
   TransferRowReader row(database_, kSessionSelect);
-  if (!row.next()) fail("read");
+  if (!row.next()) refuseReading();
   return readSessionRow(row);
 }
 
@@ -225,7 +247,7 @@ std::vector<TransferRecord> TransferStore::load() {
   TransferRowReader row(database_, sql.c_str());
   while (row.next())
     records.push_back(readTaskRow(row));
-  if (row.failed()) fail("read");
+  if (row.failed()) refuseReading();
   return records;
 }
 
@@ -290,7 +312,7 @@ bool TransferStore::applyMark(const TransferMark& mark) {
 
 TransferMark TransferStore::mark() {
   TransferRowReader row(database_, "SELECT front, mark FROM session WHERE id = 1");
-  if (!row.next()) return {};
+  if (!row.next()) refuseReading();
   return {static_cast<uint64_t>(row.integer(0)), static_cast<uint64_t>(row.integer(1))};
 }
 
@@ -318,6 +340,10 @@ const std::string& TransferStore::currentBootId() {
   return id;
 }
 
+bool TransferStore::isCurrentBoot(const std::string& id) {
+  return !id.empty() && id == currentBootId();
+}
+
 void TransferStore::run(const char* sql) {
   if (sqlite3_exec(database_, sql, nullptr, nullptr, nullptr) != SQLITE_OK) fail("use");
 }
@@ -334,6 +360,11 @@ void TransferStore::fail(const std::string& what) const {
   const std::string text = sqlite3_errmsg(database_);
   if (meansDamage(code)) throw Damaged{text};
   refuse("Cannot " + what + " the store " + path_ + ": " + text);
+}
+
+// Of a store that was opened, and with that checked: whatever is the matter, nothing is set aside.
+void TransferStore::refuseReading() const {
+  refuse("Cannot read the store " + path_ + ": " + sqlite3_errmsg(database_));
 }
 
 ErrorPtr TransferStore::changeError() const {

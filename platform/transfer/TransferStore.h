@@ -88,7 +88,8 @@ class TransferStore {
  public:
   // Takes the lock and opens or makes the database. Throws platform::Exception
   // "NSURLSessionException" when the store is held by another process, was written by a newer
-  // version, belongs to another identifier or cannot be made. A damaged database is set aside.
+  // version, belongs to another identifier, cannot be made or cannot be read now; then everything
+  // stays as it is. Only a database that was read and is damaged is set aside.
   TransferStore(const std::string& directory, const std::string& partialDirectory,
                 const std::string& identifier, int lockWaitMs);
   ~TransferStore();
@@ -112,7 +113,10 @@ class TransferStore {
   // stored.
   [[nodiscard]] TransferTaskId reserveIdentifiers(uint64_t count);
 
+  // Empty when the system does not tell.
   static const std::string& currentBootId();
+  // What was stored in a boot that is not known may be of another one.
+  static bool isCurrentBoot(const std::string& id);
 
   static constexpr const char* kDatabaseName = "session.db";
 
@@ -136,6 +140,7 @@ class TransferStore {
   void openDatabase();
   void closeDatabase();
   void checkVersion();
+  void checkPages();
   void migrate(int64_t version);
   void prepareStatements();
   void checkIdentifier(const std::string& identifier);
@@ -145,6 +150,7 @@ class TransferStore {
   bool applyOne(const TransferChange& change);
   bool applyMark(const TransferMark& mark);
   [[noreturn]] void fail(const std::string& what) const;
+  [[noreturn]] void refuseReading() const;
   ErrorPtr changeError() const;
 
   const std::string directory_;

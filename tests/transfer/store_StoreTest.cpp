@@ -17,6 +17,7 @@
 #include "platform/transfer/TransferStoreSchema.h"
 #include "tests/support/TempDirectory.h"
 #include "tests/support/UserNamespace.h"
+#include "tests/transfer/FaultyDatabase.h"
 
 namespace {
 
@@ -328,6 +329,7 @@ TEST_F(StoreTest, NeverGivesATaskIdentifierTwice) {
 }
 
 TEST_F(StoreTest, TrustsOnlyFlushedBytesAfterAnotherBoot) {
+  EXPECT_FALSE(TransferStore::isCurrentBoot(""));  // also where the system tells none
   struct Row {
     const char* boot;
     int64_t synced;
@@ -414,6 +416,56 @@ TEST_F(StoreTest, LooksAtTheFilesOfTheLastLaunch) {
     EXPECT_EQ(row.expected, found) << row.what;
     EXPECT_EQ(-1, ledger->files().size({99, 1})) << "orphans go";
   }
+}
+
+// Whichever read fails, and when nothing can be written, flushed or looked at.
+TEST_F(StoreTest, ATransientErrorAtOpeningIsNoDamage) {
+  constexpr TransferTaskId kTasks = 40;  // some pages
+  std::vector<TransferTaskId> touched;
+  std::vector<TransferEvent> events;
+  {
+    const auto ledger = openLedger();
+    for (TransferTaskId id = 1; id <= kTasks; ++id)
+      ledger->submit({call(Kind::Create, id)}, touched, events);
+    EXPECT_EQ(1u, ledger->end({{1, receive(*ledger, 1, 500), nullptr, false}}).size());
+    ASSERT_TRUE(ledger->setContent(2, receive(*ledger, 2, 400), {}));
+  }
+  int failAt = 0;
+  char failing = 'r';
+  int code = SQLITE_OK;
+  const qntest::FaultyDatabase faulty([&](char operation) {
+    return operation == failing && failAt > 0 && --failAt == 0 ? code : SQLITE_OK;
+  });
+  const auto expectAll = [&](const std::string& what) {
+    const auto ledger = openLedger();
+    EXPECT_FALSE(ledger->stateWasLost()) << what;
+    EXPECT_EQ(kTasks, ledger->tasks().size()) << what;
+    EXPECT_EQ(500, ledger->files().size({1, 1})) << what;
+    EXPECT_EQ(400, ledger->files().size({2, 1})) << what;
+  };
+  for (const auto& [operation, result] : std::vector<std::pair<char, int>>{
+           {'r', SQLITE_IOERR_READ}, {'r', SQLITE_IOERR_NOMEM}, {'w', SQLITE_IOERR_WRITE}}) {
+    bool reached = true;
+    for (int n = 1; reached; ++n) {
+      failing = operation;
+      code = result;
+      failAt = n;
+      const std::string what = std::to_string(result) + " at " + std::to_string(n);
+      try {
+        EXPECT_FALSE(openLedger()->stateWasLost()) << what;
+      } catch (const Exception& exception) {
+        EXPECT_EQ("NSURLSessionException", exception.name()) << what;
+      }
+      reached = std::exchange(failAt, 0) == 0;
+      expectAll(what);
+    }
+  }
+  // A directory that cannot be looked into says nothing about its files.
+  PartialFiles::setHook(
+      [](const char* operation) { return std::string_view(operation) == "stat" ? EIO : 0; });
+  EXPECT_THROW(openLedger(), Exception);
+  PartialFiles::setHook(nullptr);
+  expectAll("stat");
 }
 
 TEST_F(StoreTest, ATaskThatCannotBeStoredFailsAndTheOthersStay) {
