@@ -19,12 +19,8 @@ namespace {
 // of its own and a kill can only waste numbers.
 constexpr uint64_t kIdentifierBlock = 1024;
 
-// The store looks again for room on a full disk.
-constexpr int64_t kFullRetryMs = 1'000;
-
-bool isDiskFull(const Error& error) {
-  return error.domain() == NSPOSIXErrorDomain && (error.code() == ENOSPC || error.code() == EDQUOT);
-}
+// A store that could not be written is tried again after so long.
+constexpr int64_t kStoreRetryMs = 1'000;
 
 // Not to be guessed, so that nobody's resume data fits by chance.
 std::string makeResumeToken() {
@@ -110,6 +106,10 @@ TransferLedger::TransferLedger(std::unique_ptr<TransferStore> store, bool epheme
 }
 
 TransferLedger::~TransferLedger() {
+  {
+    MutexLock storeLock(storeMutex_);
+    retryAtMs_ = 0;
+  }
   std::vector<TransferEvent> untold;
   commit(untold);
 }
@@ -346,19 +346,22 @@ ErrorPtr TransferLedger::commitAll(std::vector<TransferEvent>& events) {
   bool isNewMark = false;
   {
     MutexLock lock(mutex_);
+    if (_storeRests()) {
+      if (changedSinceMs_ != kNeverMs) changedSinceMs_ = retryAtMs_;
+      return failure_;
+    }
     changes = _collect(entries);
     mark = mark_;
     isNewMark = mark_ != storedMark_;
   }
   if (changes.empty() && !isNewMark) return nullptr;
-  const auto error = store_->apply(changes, isNewMark ? &mark : nullptr);
+  const auto error = write(changes, isNewMark ? &mark : nullptr);
   MutexLock lock(mutex_);
   if (error) {
     _putBack(entries, error, events);
     return error;
   }
   storedMark_ = mark;
-  toldFull_ = false;
   for (const auto& entry : entries)
     entry->stored = true;
   return nullptr;
@@ -388,26 +391,46 @@ std::vector<TransferChange> TransferLedger::_collect(std::vector<EntryPtr>& entr
   return changes;
 }
 
-// Nothing was written. What is stored can wait. A task that is not stored would be lost with this
-// process, and fails; but a full disk is waited for, with the transfer itself, which fails after
-// its bound.
+ErrorPtr TransferLedger::writeSoon(const std::vector<TransferChange>& changes) {
+  {
+    MutexLock lock(mutex_);
+    if (_storeRests()) return failure_;
+  }
+  return write(changes, nullptr);
+}
+
+// After a failure, for a while.
+bool TransferLedger::_storeRests() const {
+  return failure_ && now_() < retryAtMs_;
+}
+
+// Told when it begins to fail.
+ErrorPtr TransferLedger::write(const std::vector<TransferChange>& changes,
+                               const TransferMark* mark) {
+  auto error = store_->apply(changes, mark);
+  if (error && !failure_) logError("Session store: " + error->localizedDescription());
+  failure_ = error;
+  MutexLock lock(mutex_);
+  retryAtMs_ = now_() + kStoreRetryMs;
+  return error;
+}
+
+// Nothing was written; it can wait, whatever the reason is, while transfers go on. Only a task that
+// can never be stored fails.
 void TransferLedger::_putBack(const std::vector<EntryPtr>& entries, const ErrorPtr& error,
                               std::vector<TransferEvent>& events) {
-  const bool full = isDiskFull(*error);
-  if (!full || !std::exchange(toldFull_, true)) {
-    logError("Session store: " + error->localizedDescription());
-  }
+  const bool refused = error->code() == TransferStore::kRefused;
   for (const auto& entry : entries) {
     auto& record = entry->record;
     entry->ownChanged = true;
     entry->factsChanged = true;
     _markChanged(entry);
-    if (full || entry->stored || entry->gone || record.stage != TransferStage::None) continue;
+    if (!refused || entry->stored || entry->gone || record.stage != TransferStage::None) continue;
     record.stage = TransferStage::Failed;
     record.error = error;
     events.push_back(_endEvent(record));
   }
-  changedSinceMs_ = now_() + (full ? kFullRetryMs : 0);
+  changedSinceMs_ = retryAtMs_;
 }
 
 std::optional<TransferLedger::Unfinished> TransferLedger::unfinishedTask(TransferTaskId id) const {
@@ -491,10 +514,9 @@ std::vector<TransferEvent> TransferLedger::end(const std::vector<Ending>& ending
       }
     }
   }
-  const auto error = storesEndingsFirst_ ? commitAll(events) : store_->apply(changes);
+  const auto error = storesEndingsFirst_ ? commitAll(events) : writeSoon(changes);
   if (!error) return events;
-  // Told all the same: to wait for room in the store would stop what needs none.
-  logError("Session store: " + error->localizedDescription());
+  // Told all the same: to wait for the store would stop what does not need it.
   MutexLock lock(mutex_);
   for (const auto& entry : entries) {
     entry->factsChanged = true;

@@ -43,8 +43,8 @@ class TransferLedger {
   void setStoresEndingsFirst();
   [[nodiscard]] bool saveSession(const TransferOptions& options);
   TransferSessionRecord session();
-  // Writes whatever is not written. A task that cannot be stored for the first time fails: its
-  // event is appended.
+  // Writes whatever is not written, but leaves a store that fails alone for a second. A task that
+  // can never be stored fails: its event is appended.
   void commit(std::vector<TransferEvent>& events);
   // When the oldest unwritten change was made, on the caller's clock; kNeverMs when all is written.
   int64_t uncommittedSinceMs() const;
@@ -97,10 +97,15 @@ class TransferLedger {
   void _cancel(Entry& entry, std::vector<TransferEvent>& events) REQUIRES(mutex_);
   void _acknowledge(Entry& entry) REQUIRES(mutex_);
   void _markChanged(const EntryPtr& entry) REQUIRES(mutex_);
+  bool _storeRests() const REQUIRES(storeMutex_, mutex_);
+  [[nodiscard]] ErrorPtr write(const std::vector<TransferChange>& changes, const TransferMark* mark)
+      REQUIRES(storeMutex_);
+  [[nodiscard]] ErrorPtr writeSoon(const std::vector<TransferChange>& changes)
+      REQUIRES(storeMutex_);
   [[nodiscard]] ErrorPtr commitAll(std::vector<TransferEvent>& events) REQUIRES(storeMutex_);
   std::vector<TransferChange> _collect(std::vector<EntryPtr>& entries) REQUIRES(mutex_);
   void _putBack(const std::vector<EntryPtr>& entries, const ErrorPtr& error,
-                std::vector<TransferEvent>& events) REQUIRES(mutex_);
+                std::vector<TransferEvent>& events) REQUIRES(storeMutex_, mutex_);
   TransferEvent _endEvent(const TransferRecord& record) const REQUIRES(mutex_);
   EntryPtr _find(TransferTaskId id) const REQUIRES(mutex_);
 
@@ -108,6 +113,8 @@ class TransferLedger {
   Mutex storeMutex_;
   const std::unique_ptr<TransferStore> store_;  // guarded by storeMutex_ after construction
   bool storesEndingsFirst_ = false;             // constant after construction
+  ErrorPtr failure_ GUARDED_BY(storeMutex_);    // of the last transaction
+  int64_t retryAtMs_ GUARDED_BY(storeMutex_) = 0;
 
   mutable Mutex mutex_;
   std::unordered_map<TransferTaskId, EntryPtr> entries_ GUARDED_BY(mutex_);
@@ -116,7 +123,6 @@ class TransferLedger {
   int64_t changedSinceMs_ GUARDED_BY(mutex_);
   TransferMark mark_ GUARDED_BY(mutex_);
   TransferMark storedMark_ GUARDED_BY(mutex_);
-  bool toldFull_ GUARDED_BY(mutex_) = false;  // the disk, since the last transaction
   std::function<int64_t()> now_ GUARDED_BY(mutex_);
   TransferTaskId nextIdentifier_ GUARDED_BY(mutex_) = 0;
   TransferTaskId reservedEnd_ GUARDED_BY(mutex_) = 0;

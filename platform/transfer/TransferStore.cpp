@@ -374,11 +374,14 @@ ErrorPtr TransferStore::changeError() const {
   }
   const int system = sqlite3_system_errno(database_);
   const bool isInput = (code & 0xFF) == SQLITE_IOERR || (code & 0xFF) == SQLITE_CANTOPEN;
-  if (isInput && system != 0) return Error::errorWithErrno(system, "write", path_);
+  if (isInput && system != 0 && system != kRefused) return Error::errorWithErrno(system, "write", path_);
   Dictionary info;
   info[NSLocalizedDescriptionKey] = "write " + path_ + ": " + sqlite3_errmsg(database_);
   info[NSFilePathErrorKey] = path_;
-  return Error::errorWithDomain(NSPOSIXErrorDomain, EIO, std::move(info));
+  const int kind = code & 0xFF;
+  const bool refused =
+      kind == SQLITE_CONSTRAINT || kind == SQLITE_TOOBIG || kind == SQLITE_MISMATCH;
+  return Error::errorWithDomain(NSPOSIXErrorDomain, refused ? kRefused : EIO, std::move(info));
 }
 
 }  // namespace platform

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -105,7 +106,8 @@ class TransferStore {
   TransferSessionRecord session();
   // Every task, by identifier, as it was stored. Throws as the constructor does.
   std::vector<TransferRecord> load();
-  // In one transaction, with the mark if there is one. Null, or why nothing was changed.
+  // In one transaction, with the mark if there is one. Null, or why nothing was changed: with the
+  // code kRefused because of what was to be written, else because it cannot be written now.
   [[nodiscard]] ErrorPtr apply(const std::vector<TransferChange>& changes,
                                const TransferMark* mark = nullptr);
   TransferMark mark();
@@ -119,6 +121,7 @@ class TransferStore {
   static bool isCurrentBoot(const std::string& id);
 
   static constexpr const char* kDatabaseName = "session.db";
+  static constexpr int64_t kRefused = EINVAL;
 
  private:
   class Statement;

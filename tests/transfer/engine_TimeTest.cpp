@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/Log.h"
 #include "platform/NetworkMonitor.h"
 #include "platform/transfer/PartialFiles.h"
 #include "platform/transfer/TransferEngine.h"
@@ -11,6 +12,7 @@
 #include "tests/support/FaultServer.h"
 #include "tests/support/TempDirectory.h"
 #include "tests/support/TestContent.h"
+#include "tests/transfer/FaultyDatabase.h"
 #include "tests/transfer/engine_ManualClock.h"
 #include "tests/transfer/engine_Recorder.h"
 
@@ -297,6 +299,38 @@ TEST_F(TimeTest, WaitsForRoomAndGoesOn) {
   full = false;
   ASSERT_NE(-1, passUntil([&] { return ended(task); }, 1000));
   expectWhole(task, 300000);
+}
+
+TEST_F(TimeTest, AStoreThatFailsIsTriedASecondApartAndToldOnce) {
+  server_.serve("/a", 300000);
+  server_.serve("/b", 300000);
+  server_.script("/b", {Fault::hold(100000)});
+  std::atomic<bool> fails{false};
+  std::atomic<int> failures{0};
+  const qntest::FaultyDatabase faulty([&](char operation) {
+    return operation == 'w' && fails && ++failures ? SQLITE_IOERR_WRITE : SQLITE_OK;
+  });
+  std::atomic<int> told{0};
+  setErrorLog([&](const std::string&) { ++told; });
+  open();
+  fails = true;
+  const auto begun = begin("/b");
+  ASSERT_NE(-1, passUntil([&] { return begun->countOfBytesReceived() == 100000; }, 20));
+  for (int i = 0; i < 10; ++i)
+    expectWhole(begin("/a"), 300000);
+  EXPECT_EQ(11u, server_.requestCount()) << "tasks that are not stored are tried again";
+  const int before = failures;
+  pass(10'000);
+  EXPECT_LE(failures - before, 12);
+  EXPECT_GE(failures - before, 5);
+  EXPECT_EQ(1, told);
+  fails = false;
+  pass(2'000);
+  session_.reset();
+  setErrorLog(nullptr);
+  open();
+  server_.release("/b");
+  ASSERT_TRUE(recorder_->waitFor(begun, "done")) << "it was not stored when that was possible";
 }
 
 TEST_F(TimeTest, FullDiskIsAFailureAfterItsBound) {
