@@ -156,9 +156,9 @@ bool Download::beginContent(HttpHead& head, bool continues) {
 
 bool Download::openFile(bool continues) {
   if (continues) {
-    diskError_ = files_.openForAppend(content_.file, fd_);
     // Written at its old end, a file that was cut would have a hole.
-    if (diskError_ == 0 && files_.size(content_.file) < content_.received) diskError_ = ENOENT;
+    const bool isThere = files_.size(content_.file) >= content_.received;
+    diskError_ = isThere ? files_.openForAppend(content_.file, fd_) : ENOENT;
     return diskError_ == 0;
   }
   const PartialName old = content_.file;
