@@ -119,7 +119,10 @@ void ScriptedSession::tellEventsFinished() {
                      [this, weak = std::weak_ptr(self)](const auto& delegate) {
                        const auto session = weak.lock();
                        if (!session) return;
-                       endDue_ = false;
+                       {
+                         Lock inner(store_->mutex_);
+                         endDue_ = false;
+                       }
                        delegate->URLSessionDidFinishEventsForBackgroundURLSession(session);
                      },
                      false});
@@ -160,7 +163,12 @@ ScriptedSession::Task ScriptedSession::downloadTaskWithResumeData(
 }
 
 void ScriptedSession::getTasksWithCompletionHandler(std::function<void(const Tasks&)> completion) {
-  if (const auto block = std::exchange(beforeAsked_, nullptr)) block();
+  std::function<void()> before;
+  {
+    Lock lock(store_->mutex_);
+    before.swap(beforeAsked_);
+  }
+  if (before) before();
   {
     Lock lock(store_->mutex_);
     if (asked_) {
