@@ -56,12 +56,15 @@ TEST_F(BackgroundTest, ReturnsAtOnceAndHandsHeadersAndChoiceOver) {
     server_.serve("/film/" + name, resource);
   }
   server_.script(kHeld, {Fault::hold(kHeldBytes)});
-  const Ended ended = background({"--all", "--header", "X-Token: secret value", "--json"});
+  const Ended ended = background(
+      {"--all", "--header", "X-Token: secret value", "--header-origin", "http://Keys", "--json"});
   ASSERT_EQ(ended.code, 0) << ended.err;
   const auto begun = ended.json();
   EXPECT_EQ(begun.find("complete")->boolean(), false);
   EXPECT_EQ(begun.find("process")->integer(), int64_t{holder()});
   ASSERT_TRUE(server_.waitForSent(kHeld, kHeldBytes, 30));
+  const auto properties = readFile(program_.onlyDownload() + "/QNMovieDownloadSetProperties.json");
+  EXPECT_NE(properties.value_or("").find("\"http://keys:80\""), std::string::npos);
   const auto now = status();
   EXPECT_EQ(now.find("state")->string(), "downloading");
   EXPECT_EQ(now.find("background")->boolean(), true);
