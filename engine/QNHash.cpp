@@ -4,10 +4,10 @@
 #include <cinttypes>
 #include <cstdio>
 
-#include <xxhash.h>
+#include "platform/ContentHash.h"
 
 uint64_t QNHash64(std::string_view text) {
-  return XXH3_64bits(text.data(), text.size());
+  return platform::ContentHash::of(text);
 }
 
 std::string QNHexDigits(uint64_t value) {

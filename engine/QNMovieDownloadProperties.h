@@ -17,6 +17,9 @@
 // download directory. Members that the program does not know are kept.
 inline constexpr const char* QNMoviePropertiesFileName = "QNMovieDownloadSetProperties.json";
 
+// What a properties file that is set aside has behind its name.
+inline constexpr const char* QNDamagedSuffix = ".damaged";
+
 inline constexpr const char* QNSourceURLKey = "QNDownloadSetSourceURL";        // string, required
 inline constexpr const char* QNManifestNameKey = "QNDownloadSetManifestName";  // string, required
 inline constexpr const char* QNTitleKey = "QNDownloadSetTitle";                // string

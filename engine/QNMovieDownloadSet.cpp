@@ -176,6 +176,7 @@ bool QNMovieDownloadSet::downloadWithAdditionalHeaders(const QNHeadersPtr& heade
   if (numActive_ != 0 || removed_) return false;
   if (numCompleted_ != 0) settle();
   if (selectedQualitiesInfo_.empty()) return false;
+  mediaMode_.reset();
   const QNHeadersPtr merged = _mergeHeaders(headers);
   for (const QualityInfo& info : selectedQualitiesInfo_) {
     // A cancel leaves errors and spent attempts behind, of a quality that did not complete as well.

@@ -21,6 +21,7 @@
 #include "platform/Mutex.h"
 #include "platform/URLSession.h"
 
+class QNDownloadRecord;
 class QNMovie;
 class QNPlaylist;
 class QNQuality;
@@ -28,6 +29,7 @@ class QNQualityDownloadInfo;
 class QNResourceDownloadInfo;
 class QNResourceId;
 class QNStoredPlaces;
+struct QNStoredFile;
 
 // The application's handle on one offline download: the first movie of a playlist, stored in one
 // directory. Which qualities are wanted is chosen while nothing is active; then they are started,
@@ -51,6 +53,8 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
     // Called once everything that can fail for the playlist's sake has succeeded, before anything
     // is stored; what it throws leaves the initialiser.
     std::function<void()> beforeStoring;
+    // What the directory's record says; null: it is read inside the initialiser.
+    std::shared_ptr<QNDownloadRecord> record;
   };
 
   // Made by the downloader. Lists every quality's resources (and throws what their builders throw),
@@ -187,7 +191,14 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
                      std::shared_ptr<platform::RecursiveMutex> mutex);
   void listQualities(const std::shared_ptr<QNSessionController>& controller) REQUIRES(mutex_);
   void openProperties(const std::string& manifestName) REQUIRES(mutex_);
+  void openRecord(std::shared_ptr<QNDownloadRecord> record,
+                  const std::shared_ptr<QNSessionController>& controller) REQUIRES(mutex_);
   void pickUpStoredFiles() REQUIRES(mutex_);
+  size_t pickUpQuality(const QualityInfo& info,
+                       const std::unordered_map<std::string, int64_t>& sizes) REQUIRES(mutex_);
+  [[nodiscard]] platform::ErrorPtr makeRecord() REQUIRES(mutex_);
+  void scheduleFlush() REQUIRES(mutex_);
+  void loseFile(const Resource& resource, const platform::ErrorPtr& error) REQUIRES(mutex_);
 
   QualityInfo requiredInfo(const Quality& quality) const REQUIRES(mutex_);
   size_t& countOfType(const QualityInfo& info) REQUIRES(mutex_);
@@ -232,9 +243,20 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
   // directory.
   void setRemoved(bool removed);
   bool isRemoved() const;
-  // Why the finished file of this resource cannot be stored, null when it can. Remembers whose file
-  // it is where several resources have one place.
-  platform::ErrorPtr prepareToStore(const Resource& resource);
+  // Why the finished file of this resource cannot be stored, null when it can: then its line is in
+  // the record, and the file is to be moved to its place next, unless a resource of another quality
+  // that is the same has put it there already (`isThere`).
+  [[nodiscard]] platform::ErrorPtr prepareToStore(const Resource& resource,
+                                                  const QNStoredFile& file, bool& isThere);
+  // The file is at its place.
+  void didStore(const Resource& resource);
+  // Whether the completion of this resource completes its quality, which is told and recorded only
+  // of what is on the disk.
+  bool isLastOfItsQuality(const Resource& resource) const;
+  // Brings what was stored to the disk. Takes the time that a disk takes: the lock must not be
+  // held. What could not be brought there is lost: its resources are fetched again within their
+  // budget.
+  void flushStoredFiles();
 
   // Constant after construction.
   const std::shared_ptr<platform::RecursiveMutex> mutexOwner_;
@@ -249,7 +271,17 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
   std::vector<QualityInfo> qualities_;  // every quality, in the order of the movie
   std::unordered_map<Quality, QualityInfo> qualityInfoMap_;
 
+  // One flush at a time, so that none returns before what another one took over is on the disk.
+  // Taken before mutex_.
+  platform::Mutex flushMutex_;
+
   std::unique_ptr<QNStoredPlaces> places_ GUARDED_BY(mutex_);
+  std::shared_ptr<QNDownloadRecord> record_ GUARDED_BY(mutex_);
+  // Files that count as absent although they are there, by their keys: none of ours, or not whole.
+  std::unordered_set<std::string> untrusted_ GUARDED_BY(mutex_);
+  std::vector<Resource> unflushed_ GUARDED_BY(mutex_);  // stored since the last flush
+  bool flushIsDue_ GUARDED_BY(mutex_) = false;
+  std::optional<unsigned> mediaMode_ GUARDED_BY(mutex_);  // read with the first file after a start
   std::vector<QualityInfo> selectedQualitiesInfo_ GUARDED_BY(mutex_);
   std::vector<QualityInfo> downloadedQualitiesInfo_ GUARDED_BY(mutex_);
   size_t numVideoQualities_ GUARDED_BY(mutex_) = 0;

@@ -1,13 +1,18 @@
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
 
+#include "engine/QNDownloadRecord.h"
 #include "engine/QNEngineLog.h"
 #include "engine/QNMovieDownloadSet.h"
 #include "engine/QNQualityDownloadInfo.h"
 #include "engine/QNResourceDownloadInfo.h"
 #include "engine/QNStoredPlaces.h"
+#include "platform/BootIdentifier.h"
+#include "platform/DispatchQueue.h"
 #include "platform/Exception.h"
 #include "platform/FileManager.h"
 #include "platform/host/QNLog.h"
@@ -23,7 +28,7 @@ using platform::RecursiveLock;
 
 namespace {
 
-constexpr const char* kDamagedSuffix = ".damaged";
+constexpr std::chrono::seconds kFlushInterval{1};  // while files arrive
 
 [[noreturn]] void misuse(const char* reason) {
   throw platform::Exception(QNMovieDownloadSetException, reason);
@@ -39,29 +44,13 @@ std::string directoryOfURL(const std::string& url) {
   return authority == std::string::npos ? "/" : base + "/";
 }
 
-// Sizes of the files below a directory that may be resources, by their paths.
-class StoredFiles {
- public:
-  explicit StoredFiles(const std::string& directory) {
-    for (auto& file : FileManager::defaultManager().filesBelow(directory)) {
-      total_ += file.size;
-      const std::string_view path = file.path;
-      const std::string_view name = path.substr(path.rfind('/') + 1);
-      if (file.size > 0 && !FileManager::isTemporaryName(name))
-        sizes_.emplace(std::move(file.path), file.size);
-    }
+std::string swappedCase(std::string text) {
+  for (char& c : text) {
+    const bool isLetter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+    if (isLetter) c = static_cast<char>(c ^ 0x20);
   }
-
-  int64_t total() const { return total_; }
-  int64_t sizeOf(const std::string& path) const {
-    const auto entry = sizes_.find(path);
-    return entry == sizes_.end() ? 0 : entry->second;
-  }
-
- private:
-  std::unordered_map<std::string, int64_t> sizes_;
-  int64_t total_ = 0;
-};
+  return text;
+}
 
 bool isSelectable(const QNQuality& quality) {
   return quality.type() != QNMediaTypeUnknown;
@@ -84,6 +73,7 @@ std::shared_ptr<QNMovieDownloadSet> QNMovieDownloadSet::downloadSetWithPlaylist(
   set->places_ = std::make_unique<QNStoredPlaces>(downloadPath, manifestName, set->qualities_);
   if (construction.beforeStoring) construction.beforeStoring();
   set->openProperties(manifestName);
+  set->openRecord(construction.record, controller);
   set->pickUpStoredFiles();
   set->writeChangedProperties();
   set->_checkInvariants();
@@ -128,8 +118,8 @@ void QNMovieDownloadSet::openProperties(const std::string& manifestName) {
     // What was read and is not usable is kept for a person to look at.
     const std::string path = FileManager::pathByAppending(downloadPath_, QNMoviePropertiesFileName);
     QNEngineLog(QNLogLevelError, "Error: Setting damaged properties file aside: %@",
-                path + kDamagedSuffix);
-    (void)FileManager::defaultManager().moveItem(path, path + kDamagedSuffix);
+                path + QNDamagedSuffix);
+    (void)FileManager::defaultManager().moveItem(path, path + QNDamagedSuffix);
     properties_ = open();
   }
   if (unread) {
@@ -138,34 +128,75 @@ void QNMovieDownloadSet::openProperties(const std::string& manifestName) {
                               {{"NSError", std::move(unread)}});
   }
   if (!properties_) misuse("Properties file can neither be read nor replaced");
-  places_->setProperties(properties_);
   readHeaderOrigins();
+  // No resource may have this name, so what answers to it is the properties file itself.
+  const std::string folded =
+      FileManager::pathByAppending(downloadPath_, swappedCase(QNMoviePropertiesFileName));
+  if (FileManager::defaultManager().fileExistsAtPath(folded)) places_->foldCase(qualities_);
+}
+
+void QNMovieDownloadSet::openRecord(std::shared_ptr<QNDownloadRecord> record,
+                                    const std::shared_ptr<QNSessionController>& controller) {
+  if (!record) {
+    const auto session = controller ? controller->downloadSession() : nullptr;
+    record = QNDownloadRecord::load(
+        downloadPath_, session ? session->bootIdentifier() : platform::currentBootIdentifier());
+  }
+  record_ = std::move(record);
+  if (const auto& error = record_->readError()) {
+    throw platform::Exception(QNMovieDownloadSetException, error->localizedDescription());
+  }
+  places_->readOwners(*record_, *properties_);
 }
 
 // One walk over the directory, whatever is listed: no look at a file that is not there.
 void QNMovieDownloadSet::pickUpStoredFiles() {
-  const StoredFiles files(downloadPath_);
-  downloadedBytes_ = files.total();
-  if (files.total() == 0) return;
-  for (const QualityInfo& info : qualities_) {
-    size_t found = 0;
-    bool hasOwn = false;
-    for (const Resource& resource : info->resources()) {
-      const auto place = places_->placeOf(*resource);
-      const int64_t size = place ? files.sizeOf(*place) : 0;
-      if (size == 0 || !places_->isStoredFor(*resource, *place)) continue;
-      info->resourceCompleteWithBytesPreloaded(resource, size);
-      ++found;
-      hasOwn = hasOwn || !places_->isShared(*place);
-    }
-    if (found == 0) continue;
-    if (found == info->resources().size()) {
-      downloadedQualitiesInfo_.push_back(info);
-    } else if (hasOwn && isSelectable(*info->quality())) {
-      // A file that others list too says nothing about which of them was wanted.
-      _selectQuality(info);
-    }
+  std::unordered_map<std::string, int64_t> sizes;
+  for (auto& file : FileManager::defaultManager().filesBelow(downloadPath_)) {
+    if (file.path == QNDownloadRecordFileName) continue;
+    downloadedBytes_ += file.size;
+    if (file.size > 0) sizes.emplace(places_->keyOf(file.path), file.size);
   }
+  size_t found = 0;
+  if (!sizes.empty()) {
+    for (const QualityInfo& info : qualities_)
+      found += pickUpQuality(info, sizes);
+  }
+  record_->forgetFiles();
+  if (found > 0) return;
+  if (const auto error = makeRecord()) {
+    QNEngineLog(QNLogLevelError, "Error: Failed to make the record of stored files: %@",
+                error->localizedDescription());
+  }
+}
+
+size_t QNMovieDownloadSet::pickUpQuality(const QualityInfo& info,
+                                         const std::unordered_map<std::string, int64_t>& sizes) {
+  size_t found = 0;
+  bool hasOwn = false;
+  for (const Resource& resource : info->resources()) {
+    const auto place = places_->placeOf(*resource);
+    if (!place) continue;
+    const std::string key = places_->keyOf(*place);
+    const auto file = sizes.find(key);
+    if (file == sizes.end()) continue;
+    if (!record_->trusts(key, file->second)) {
+      untrusted_.insert(key);
+      continue;
+    }
+    if (!places_->isStoredFor(*resource, *place)) continue;
+    info->resourceCompleteWithBytesPreloaded(resource, file->second);
+    ++found;
+    hasOwn = hasOwn || !places_->isShared(*place);
+  }
+  if (found == 0) return 0;
+  if (found == info->resources().size()) {
+    downloadedQualitiesInfo_.push_back(info);
+  } else if (hasOwn && isSelectable(*info->quality())) {
+    // A file that others list too says nothing about which of them was wanted.
+    _selectQuality(info);
+  }
+  return found;
 }
 
 void QNMovieDownloadSet::updateProperties() {
@@ -234,19 +265,23 @@ bool QNMovieDownloadSet::_removeDownloadedQuality(const QualityInfo& info,
   auto& files = FileManager::defaultManager();
   size_t failures = 0;
   std::unordered_set<std::string> gone;
+  std::vector<std::string> recorded;
   for (const Resource& resource : info->resources()) {
     if (removed_) break;  // what lies there is another download's
     const auto place = places_->placeOf(*resource);
-    if (!place || kept.contains(*place) || !places_->isStoredFor(*resource, *place)) continue;
+    if (!place || kept.contains(places_->keyOf(*place)) || !places_->isStoredFor(*resource, *place))
+      continue;
     const std::string path = places_->pathOf(*place);
     if (!files.isRegularFile(path)) continue;
     if (files.removeItem(path)) {
       ++failures;
     } else {
       places_->didRemove(*place);
-      if (places_->hasSharedPlaces()) gone.insert(*place);
+      recorded.push_back(places_->keyOf(*place));
+      if (places_->hasSharedPlaces()) gone.insert(recorded.back());
     }
   }
+  record_->remove(recorded);
   forgetFiles(gone);
   uncountCompleted(info);
   info->reset();
@@ -263,7 +298,7 @@ void QNMovieDownloadSet::forgetFiles(const std::unordered_set<std::string>& plac
     if (isQualitySelected(info->quality()) || isQualityDownloaded(info->quality())) continue;
     for (const Resource& resource : info->resources()) {
       const auto place = resource->completed() ? places_->placeOf(*resource) : std::nullopt;
-      if (place && places.contains(*place)) info->resourceForgetFile(resource);
+      if (place && places.contains(places_->keyOf(*place))) info->resourceForgetFile(resource);
     }
   }
 }
@@ -275,9 +310,111 @@ platform::ErrorPtr QNMovieDownloadSet::errorForPlace(const QNResourceDownloadInf
   return places_ ? places_->errorFor(resource) : nullptr;
 }
 
-platform::ErrorPtr QNMovieDownloadSet::prepareToStore(const Resource& resource) {
+// The old file goes before the line of the new one is written, so that no kill leaves one under the
+// name of the other.
+platform::ErrorPtr QNMovieDownloadSet::prepareToStore(const Resource& resource,
+                                                      const QNStoredFile& file, bool& isThere) {
   RecursiveLock lock(mutex_);
   if (auto error = places_->errorFor(*resource)) return error;
-  places_->willStore(*resource);
+  const auto place = places_->placeOf(*resource);
+  if (!place) return nullptr;
+  const std::string key = places_->keyOf(*place);
+  auto& files = FileManager::defaultManager();
+  isThere = places_->isShared(*place) && !places_->isContended(*place) &&
+            !untrusted_.contains(key) && files.sizeOfFile(places_->pathOf(*place)) == file.length;
+  if (isThere) return nullptr;
+  if (untrusted_.contains(key) || places_->isUnowned(*place)) {
+    const auto error = files.removeItem(places_->pathOf(*place));
+    if (error && error->code() != ENOENT) return error;
+    untrusted_.erase(key);
+  }
+  if (auto error = makeRecord()) return error;
+  const std::string address = QNStoredPlaces::addressOf(*resource);
+  if (auto error = record_->add(key, file, address)) return error;
+  places_->didRecord(*place, address);
   return nullptr;
+}
+
+// What was stored before there were records counts from here on because it is recorded.
+platform::ErrorPtr QNMovieDownloadSet::makeRecord() {
+  if (record_->isThere()) return nullptr;
+  std::vector<QNDownloadRecord::Adopted> adopted;
+  for (const QualityInfo& info : qualities_) {
+    if (info->numCompleted() == 0) continue;
+    for (const Resource& resource : info->resources()) {
+      const auto place = places_->placeOf(*resource);
+      if (!place || !resource->completed() || resource->failed()) continue;
+      const bool isContended = places_->isContended(*place);
+      adopted.push_back({places_->keyOf(*place), resource->downloadedBytes(),
+                         isContended ? QNStoredPlaces::addressOf(*resource) : std::string()});
+    }
+  }
+  return record_->make(adopted);
+}
+
+// What is on the disk
+
+void QNMovieDownloadSet::didStore(const Resource& resource) {
+  RecursiveLock lock(mutex_);
+  // As a file that the application makes itself.
+  if (!mediaMode_) mediaMode_ = 0666 & ~FileManager::umaskOfProcess();
+  (void)FileManager::defaultManager().setMode(resource->resourcePath(), *mediaMode_);
+  unflushed_.push_back(resource);
+  scheduleFlush();
+}
+
+void QNMovieDownloadSet::scheduleFlush() {
+  if (std::exchange(flushIsDue_, true)) return;
+  platform::DispatchQueue::globalBackgroundQueue()->after(kFlushInterval,
+                                                          [weak = weak_from_this()] {
+                                                            const auto self = weak.lock();
+                                                            if (!self) return;
+                                                            {
+                                                              RecursiveLock lock(self->mutex_);
+                                                              self->flushIsDue_ = false;
+                                                            }
+                                                            self->flushStoredFiles();
+                                                          });
+}
+
+bool QNMovieDownloadSet::isLastOfItsQuality(const Resource& resource) const {
+  RecursiveLock lock(mutex_);
+  const QualityInfo info = resource->quality();
+  return info && info->numCompleted() + 1 == info->resources().size();
+}
+
+void QNMovieDownloadSet::flushStoredFiles() {
+  const auto self = shared_from_this();
+  platform::MutexLock flushing(flushMutex_);
+  std::vector<Resource> covered;
+  QNDownloadRecord::FlushPoint point;
+  {
+    RecursiveLock lock(mutex_);
+    if (unflushed_.empty() || removed_) return;
+    covered.swap(unflushed_);
+    point = record_->flushPoint();
+  }
+  const auto error = point.file ? point.file->flushFileSystem() : point.error;
+  RecursiveLock lock(mutex_);
+  if (removed_) return;
+  if (!error) return record_->mark(point);
+  QNEngineLog(QNLogLevelError, "Error: Failed to bring stored files to the disk: %@",
+              error->localizedDescription());
+  for (const Resource& resource : covered)
+    loseFile(resource, error);
+  _checkInvariants();
+}
+
+// Nobody knows what of it is there; asked again, the system would say that all is well.
+void QNMovieDownloadSet::loseFile(const Resource& resource, const platform::ErrorPtr& error) {
+  const QualityInfo info = resource->quality();
+  const auto place = places_->placeOf(*resource);
+  if (!info || !place) return;
+  (void)FileManager::defaultManager().removeItem(places_->pathOf(*place));
+  places_->didRemove(*place);
+  record_->remove({places_->keyOf(*place)});
+  if (resource->downloadTask()) return resourceCompleteWithError(resource, error);
+  const int64_t oldBytes = info->downloadedBytes();
+  info->resourceLoseFile(resource, error);
+  _updateDownloadedFrom(oldBytes, info->downloadedBytes());
 }

@@ -11,6 +11,7 @@
 
 #include <unistd.h>
 
+#include "engine/QNDownloadRecord.h"
 #include "engine/QNEngineLog.h"
 #include "engine/QNHash.h"
 #include "engine/QNMovieDownloadSet.h"
@@ -407,9 +408,21 @@ QNMovieDownloader::Set QNMovieDownloader::fetchActiveDownloadSetForURL(
 }
 
 QNMovieDownloader::Set QNMovieDownloader::activateDownloadSetForURL(const std::string& url) {
+  return activate(url, recordOf(downloadIdWithURL(url)));
+}
+
+QNMovieDownloader::Record QNMovieDownloader::recordOf(const std::string& downloadId) const {
+  {
+    RecursiveLock lock(mutex_);
+    if (activeSet(downloadId) || isBeingRemoved(downloadId)) return nullptr;
+  }
+  return QNDownloadRecord::load(directoryOf(downloadId), session_->bootIdentifier());
+}
+
+QNMovieDownloader::Set QNMovieDownloader::activate(const std::string& url, const Record& record) {
   RecursiveLock lock(mutex_);
   platform::ErrorPtr error;
-  Set set = activeOrStoredSet(url, downloadIdWithURL(url), &error);
+  Set set = activeOrStoredSet(url, downloadIdWithURL(url), record, &error);
   if (error) {
     QNEngineLog(QNLogLevelError, "Error: Failed to activate stored download: %@",
                 error->localizedDescription());
@@ -423,6 +436,7 @@ QNMovieDownloader::Set QNMovieDownloader::activateDownloadSet(const Set& set) {
 
 QNMovieDownloader::Set QNMovieDownloader::activeOrStoredSet(const std::string& url,
                                                             const std::string& downloadId,
+                                                            const Record& record,
                                                             platform::ErrorPtr* error) {
   if (isBeingRemoved(downloadId)) return nullptr;
   if (Set set = activeSet(downloadId)) return set;
@@ -434,7 +448,7 @@ QNMovieDownloader::Set QNMovieDownloader::activeOrStoredSet(const std::string& u
   try {
     const std::string sourceURL = settledSourceURL(url, directory, name);
     playlist->setUrl(sourceURL);
-    return _downloadSetWithPlaylist(playlist, directory, name, sourceURL, downloadId);
+    return _downloadSetWithPlaylist(playlist, directory, name, sourceURL, downloadId, record);
   } catch (...) {
     *error = errorOfCurrentException();
     return nullptr;
@@ -477,10 +491,10 @@ std::string QNMovieDownloader::settledSourceURL(const std::string& url,
 QNMovieDownloader::Set QNMovieDownloader::_downloadSetWithPlaylist(
     const std::shared_ptr<QNPlaylist>& playlist, const std::string& downloadPath,
     const std::string& manifestName, const std::string& sourceURL, const std::string& downloadId,
-    std::function<void()> beforeStoring) {
-  Set set = QNMovieDownloadSet::downloadSetWithPlaylist(playlist, downloadPath, manifestName,
-                                                        sourceURL, downloadId, shared_from_this(),
-                                                        {mutexOwner_, std::move(beforeStoring)});
+    const Record& record, std::function<void()> beforeStoring) {
+  Set set = QNMovieDownloadSet::downloadSetWithPlaylist(
+      playlist, downloadPath, manifestName, sourceURL, downloadId, shared_from_this(),
+      {mutexOwner_, std::move(beforeStoring), record});
   downloadIdSetMap_[downloadId] = set;
   return set;
 }
@@ -489,9 +503,10 @@ QNMovieDownloader::Set QNMovieDownloader::_downloadSetWithPlaylist(
 
 void QNMovieDownloader::fetchDownloadSetForURL(const std::string& url, FetchCompletion block) {
   const auto self = shared_from_this();
+  const Record record = recordOf(downloadIdWithURL(url));
   RecursiveLock lock(mutex_);
   platform::ErrorPtr error;
-  const Set set = activeOrStoredSet(url, downloadIdWithURL(url), &error);
+  const Set set = activeOrStoredSet(url, downloadIdWithURL(url), record, &error);
   if (set || error) {
     block(set, set ? nullptr : error);
     return;
@@ -519,18 +534,25 @@ void QNMovieDownloader::completeFetch(const std::string& url,
                                       const platform::ErrorPtr& error,
                                       const FetchCompletion& block) {
   if (error) return block(nullptr, error);
+  const Record record = recordOf(downloadIdWithURL(url));
   RecursiveLock lock(mutex_);
   platform::ErrorPtr failure;
-  const Set set = storeDownloadSetForURL(url, playlist, manifest, &failure);
+  const Set set = storeWithRecord(url, playlist, manifest, record, &failure);
   block(set, failure);
 }
 
 QNMovieDownloader::Set QNMovieDownloader::storeDownloadSetForURL(
     const std::string& url, const std::shared_ptr<QNPlaylist>& playlist,
     const platform::DataPtr& manifest, platform::ErrorPtr* error) {
-  RecursiveLock lock(mutex_);
   platform::ErrorPtr ignored;
-  if (!error) error = &ignored;
+  return storeWithRecord(url, playlist, manifest, recordOf(downloadIdWithURL(url)),
+                         error ? error : &ignored);
+}
+
+QNMovieDownloader::Set QNMovieDownloader::storeWithRecord(
+    const std::string& url, const std::shared_ptr<QNPlaylist>& playlist,
+    const platform::DataPtr& manifest, const Record& record, platform::ErrorPtr* error) {
+  RecursiveLock lock(mutex_);
   const std::string downloadId = downloadIdWithURL(url);
   if (isBeingRemoved(downloadId)) {
     *error = errorWithReason("The download is being removed");
@@ -549,7 +571,7 @@ QNMovieDownloader::Set QNMovieDownloader::storeDownloadSetForURL(
   try {
     const std::string sourceURL = settledSourceURL(url, directory, name);
     playlist->setUrl(sourceURL);
-    return _downloadSetWithPlaylist(playlist, directory, name, sourceURL, downloadId, [&] {
+    return _downloadSetWithPlaylist(playlist, directory, name, sourceURL, downloadId, record, [&] {
       if (!manifest) return;
       const auto failure = saveManifest(manifest, directory);
       if (!failure) return;

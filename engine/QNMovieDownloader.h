@@ -21,9 +21,11 @@
 #include "platform/NotificationCenter.h"
 #include "platform/URLSession.h"
 
+class QNDownloadRecord;
 class QNMovieDownloadSet;
 class QNPlaylist;
 class QNResourceDownloadInfo;
+struct QNStoredFile;
 
 // The front object: owns the background session, the active download sets and the table of which
 // task belongs to which resource. One directory per download lies under its download path.
@@ -171,6 +173,8 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
  private:
   using Resource = std::shared_ptr<QNResourceDownloadInfo>;
   using Task = std::shared_ptr<platform::URLSessionDownloadTask>;
+  using Record = std::shared_ptr<QNDownloadRecord>;
+  using Records = std::map<std::string, Record>;  // by the manifest URL
 
   QNMovieDownloader(bool cellularAccess, bool discretionaryMode, std::string downloadPath);
   platform::URLSessionConfiguration configuration(const std::optional<std::string>& identifier,
@@ -178,14 +182,22 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
   void start(const std::optional<std::string>& identifier, const ConfigureSession& configure);
 
   std::string directoryOf(const std::string& downloadId) const;
+  // What the record of a download that is not active says, else null. It may read files and wait
+  // for the disk, and is therefore called before the lock is taken.
+  Record recordOf(const std::string& downloadId) const;
+  Set activate(const std::string& url, const Record& record);
   Set activeSet(const std::string& downloadId) const REQUIRES(mutex_);
   // What is active or stored; null with an error when what is stored is not usable.
-  Set activeOrStoredSet(const std::string& url, const std::string& downloadId,
+  Set activeOrStoredSet(const std::string& url, const std::string& downloadId, const Record& record,
                         platform::ErrorPtr* error) REQUIRES(mutex_);
   Set _downloadSetWithPlaylist(const std::shared_ptr<QNPlaylist>& playlist,
                                const std::string& downloadPath, const std::string& manifestName,
                                const std::string& sourceURL, const std::string& downloadId,
-                               std::function<void()> beforeStoring = {}) REQUIRES(mutex_);
+                               const Record& record, std::function<void()> beforeStoring = {})
+      REQUIRES(mutex_);
+  Set storeWithRecord(const std::string& url, const std::shared_ptr<QNPlaylist>& playlist,
+                      const platform::DataPtr& manifest, const Record& record,
+                      platform::ErrorPtr* error);
   std::string settledSourceURL(const std::string& url, const std::string& directory,
                                const std::string& manifestName) const;
   void completeFetch(const std::string& url, const std::shared_ptr<QNPlaylist>& playlist,
@@ -206,16 +218,19 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
   bool isBeingRemoved(const std::string& downloadId) const REQUIRES(mutex_);
 
   void _reattachTasks(const platform::URLSession::Tasks& tasks);
-  void reattachTask(const Task& task) REQUIRES(mutex_);
+  Records recordsOf(const platform::URLSession::Tasks& tasks) const;
+  void reattachTask(const Task& task, Records& records) REQUIRES(mutex_);
   void refreshTasks(const platform::URLSession::Tasks& tasks);
   bool isRunningTask(const Task& task) const REQUIRES(mutex_);
   bool suspendForRefresh(const Task& task);
   void resumeAfterRefresh(const Task& task);
   Resource resourceOfTask(const Task& task) REQUIRES(mutex_);
-  void _handleCompletedResource(const Resource& resource, const Task& task,
-                                const std::string& location) REQUIRES(mutex_);
-  platform::ErrorPtr moveIntoPlace(const Resource& resource, const std::string& location)
-      REQUIRES(mutex_);
+  [[nodiscard]] Resource _handleCompletedResource(const Resource& resource, const Task& task,
+                                                  const std::string& location,
+                                                  const QNStoredFile& file) REQUIRES(mutex_);
+  platform::ErrorPtr moveIntoPlace(const Resource& resource, const std::string& location,
+                                   const QNStoredFile& file) REQUIRES(mutex_);
+  void completeStoredResource(const Resource& resource, const Task& task) REQUIRES(mutex_);
   void _handleFailedResource(const Resource& resource, const platform::ErrorPtr& error)
       REQUIRES(mutex_);
   static platform::ErrorPtr _makeHTTPError(const platform::URLResponsePtr& response);

@@ -2,12 +2,14 @@
 #include <cerrno>
 #include <utility>
 
+#include "engine/QNDownloadRecord.h"
 #include "engine/QNEngineLog.h"
 #include "engine/QNMovieDownloadSet.h"
 #include "engine/QNMovieDownloader.h"
 #include "engine/QNQualityDownloadInfo.h"
 #include "engine/QNResourceDownloadInfo.h"
 #include "engine/QNResourceId.h"
+#include "platform/ContentHash.h"
 #include "platform/DispatchQueue.h"
 #include "platform/FileManager.h"
 #include "platform/Log.h"
@@ -43,6 +45,23 @@ bool isCancellation(const platform::Error& error) {
 std::shared_ptr<QNMovieDownloadSet> setOf(const QNResourceDownloadInfo& resource) {
   const auto quality = resource.quality();
   return quality ? quality->set() : nullptr;
+}
+
+// Reads the file where its bytes did not come in one piece.
+QNStoredFile fileOf(const platform::URLSessionDownloadTask& task, const std::string& path) {
+  QNStoredFile file;
+  file.length = task.countOfBytesReceived();
+  file.hash = task.hashOfBytesReceived();
+  if (!file.hash) file.hash = platform::ContentHash::ofFile(path);
+  const auto response = std::dynamic_pointer_cast<const platform::HTTPURLResponse>(task.response());
+  if (!response) return file;
+  for (const char* const name : {"ETag", "Last-Modified"}) {
+    if (auto value = response->allHeaderFields().get(name)) {
+      file.validator = *std::move(value);
+      break;
+    }
+  }
+  return file;
 }
 
 std::string parentOf(const std::string& path) {
@@ -106,14 +125,22 @@ void QNMovieDownloader::URLSessionDownloadTaskDidFinishDownloadingToURL(
     const platform::URLPtr& location) {
   const auto self = shared_from_this();
   handleEvent("didFinishDownloading", [&] {
-    RecursiveLock lock(mutex_);
-    const Resource resource = resourceOfTask(task);
-    if (!resource) return;
-    if (const auto error = task->error()) {
-      _handleFailedResource(resource, error);
-    } else {
-      _handleCompletedResource(resource, task, location->filePath().value_or(""));
+    const std::string path = location->filePath().value_or("");
+    const QNStoredFile file = fileOf(*task, path);
+    Resource last;
+    {
+      RecursiveLock lock(mutex_);
+      const Resource resource = resourceOfTask(task);
+      if (!resource) return;
+      if (const auto error = task->error()) return _handleFailedResource(resource, error);
+      last = _handleCompletedResource(resource, task, path, file);
     }
+    if (!last) return;
+    // A quality is told and recorded only of what is on the disk, for which nobody else waits.
+    const auto set = setOf(*last);
+    if (set) set->flushStoredFiles();
+    RecursiveLock lock(mutex_);
+    if (last->downloadTask() == task && setOf(*last)) completeStoredResource(last, task);
   });
 }
 
@@ -165,22 +192,39 @@ void QNMovieDownloader::_handleFailedResource(const Resource& resource,
 // The transfer service deletes the file when its callback returns, so it is moved in here. A file
 // that is there is replaced in one step: until then the old one is whole.
 platform::ErrorPtr QNMovieDownloader::moveIntoPlace(const Resource& resource,
-                                                    const std::string& location) {
-  if (auto error = setOf(*resource)->prepareToStore(resource)) return error;
+                                                    const std::string& location,
+                                                    const QNStoredFile& file) {
+  const auto set = setOf(*resource);
+  bool isThere = false;
+  if (auto error = set->prepareToStore(resource, file, isThere)) return error;
+  if (isThere) return nullptr;
   auto& files = FileManager::defaultManager();
   const std::string target = resource->resourcePath();
-  const auto error = files.moveItem(location, target);
-  if (!error || error->code() != ENOENT) return error;
-  if (auto missing = files.createDirectoryWithIntermediates(parentOf(target))) return missing;
-  return files.moveItem(location, target);
+  auto error = files.moveItem(location, target);
+  if (error && error->code() == ENOENT) {
+    error = files.createDirectoryWithIntermediates(parentOf(target));
+    if (!error) error = files.moveItem(location, target);
+  }
+  if (!error) set->didStore(resource);
+  return error;
 }
 
-void QNMovieDownloader::_handleCompletedResource(const Resource& resource, const Task& task,
-                                                 const std::string& location) {
-  if (const auto error = moveIntoPlace(resource, location)) {
+// Returns the resource when it is the last one of its quality: what was stored has to reach the
+// disk then, without the lock, before it completes.
+QNMovieDownloader::Resource QNMovieDownloader::_handleCompletedResource(const Resource& resource,
+                                                                        const Task& task,
+                                                                        const std::string& location,
+                                                                        const QNStoredFile& file) {
+  if (const auto error = moveIntoPlace(resource, location, file)) {
     _handleFailedResource(resource, error);
-    return;
+    return nullptr;
   }
+  if (setOf(*resource)->isLastOfItsQuality(resource)) return resource;
+  completeStoredResource(resource, task);
+  return nullptr;
+}
+
+void QNMovieDownloader::completeStoredResource(const Resource& resource, const Task& task) {
   const auto set = setOf(*resource);
   set->resourceBytesDownloadedAndExpected(resource, task->countOfBytesReceived(),
                                           task->countOfBytesExpectedToReceive());
@@ -193,15 +237,28 @@ void QNMovieDownloader::_handleCompletedResource(const Resource& resource, const
 
 void QNMovieDownloader::_reattachTasks(const platform::URLSession::Tasks& tasks) {
   const auto self = shared_from_this();
+  Records records = recordsOf(tasks);
   RecursiveLock lock(mutex_);
   for (const Task& task : tasks)
-    handleEvent("reattach", [&]() NO_THREAD_SAFETY_ANALYSIS { reattachTask(task); });
+    handleEvent("reattach", [&]() NO_THREAD_SAFETY_ANALYSIS { reattachTask(task, records); });
   reattached_ = true;
   if (refreshDue_) handleEnterForeground();
 }
 
+QNMovieDownloader::Records QNMovieDownloader::recordsOf(
+    const platform::URLSession::Tasks& tasks) const {
+  Records records;
+  for (const Task& task : tasks) {
+    const auto description = task->taskDescription();
+    if (!description) continue;
+    const auto url = QNResourceId::resourceIdWithJSONString(*description)->manifestURL();
+    if (url && !records.contains(*url)) records.emplace(*url, recordOf(downloadIdWithURL(*url)));
+  }
+  return records;
+}
+
 // A task that no resource takes ends here: its bytes belong nowhere.
-void QNMovieDownloader::reattachTask(const Task& task) {
+void QNMovieDownloader::reattachTask(const Task& task, Records& records) {
   const auto description = task->taskDescription();
   if (!description) {
     task->cancel();
@@ -210,7 +267,10 @@ void QNMovieDownloader::reattachTask(const Task& task) {
   bool taken = false;
   handleEvent("reattach", [&]() NO_THREAD_SAFETY_ANALYSIS {
     const auto id = QNResourceId::resourceIdWithJSONString(*description);
-    const Set set = id->manifestURL() ? activateDownloadSetForURL(*id->manifestURL()) : nullptr;
+    if (!id->manifestURL()) return;
+    // For the first task of a download; the others find the set.
+    const Record record = std::move(records[*id->manifestURL()]);
+    const Set set = activate(*id->manifestURL(), record);
     taken = set && set->reattachResource(*id, task);
   });
   if (taken || tasks_.contains(task)) return;

@@ -313,6 +313,26 @@ void QNQualityDownloadInfo::resourceForgetFile(const Resource& resource) {
   completed_ = false;
 }
 
+void QNQualityDownloadInfo::resourceLoseFile(const Resource& resource,
+                                             const platform::ErrorPtr& error) {
+  assertOwn(resource);
+  if (!resource->completed() || resource->failed()) return;
+  const Change change(resource);
+  if (completed_) resource->setMaxReactivations(resource->reactivations());
+  const bool mayStart = resource->loseFile(error);
+  _updateDownloadedFrom(change.oldBytes, resource->downloadedBytes());
+  note(change);
+  if (!mayStart) {
+    ++numFailed_;
+    return;
+  }
+  --numCompleted_;
+  const bool wasRunning = numRunning_ != 0;
+  if (numActive_ == 0) return;  // cancelled meanwhile: the next start finds it
+  _activateDownloads();
+  if (wasRunning) (void)resume();
+}
+
 void QNQualityDownloadInfo::resourceBytesDownloadedBytesExpected(const Resource& resource,
                                                                  int64_t downloaded,
                                                                  int64_t expected) {

@@ -100,6 +100,9 @@ class QN_EXPORT QNQualityDownloadInfo final
   void resourceCompleteWithBytesPreloaded(const Resource& resource, int64_t bytes);
   // Own addition: the file of a completed resource is gone. The quality must be idle.
   void resourceForgetFile(const Resource& resource);
+  // Own addition: the file of a completed resource could not be kept. While the quality is active
+  // the resource is fetched again, as after any failure; a quality that completed has failed.
+  void resourceLoseFile(const Resource& resource, const platform::ErrorPtr& error);
   void resourceBytesDownloadedBytesExpected(const Resource& resource, int64_t downloaded,
                                             int64_t expected);
 

@@ -252,6 +252,14 @@ void QNResourceDownloadInfo::reset() {
   downloadedBytes_ = 0;
 }
 
+bool QNResourceDownloadInfo::loseFile(const platform::ErrorPtr& error) {
+  platform::assertThat(status_ == QNDownloadStatusIdle, "Expected resource status to be IDLE");
+  downloadedBytes_ = 0;
+  if (reactivateReset()) return true;
+  error_ = error;
+  return false;
+}
+
 platform::ErrorPtr QNResourceDownloadInfo::placeError() const {
   const auto owner = quality();
   const auto set = owner ? owner->set() : nullptr;

@@ -1,7 +1,16 @@
 #include "engine/QNResourcePath.h"
 
+#include <algorithm>
+#include <array>
+#include <climits>
+#include <clocale>
+#include <cwchar>
+#include <cwctype>
+
+#include "engine/QNDownloadRecord.h"
 #include "engine/QNHash.h"
 #include "engine/QNMovieDownloadProperties.h"
+#include "platform/FileManager.h"
 
 namespace {
 
@@ -32,12 +41,38 @@ void appendWithoutNul(std::string& path, std::string_view component) {
   path += component;
 }
 
+bool isInsideCharacter(char c) {
+  return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
+}
+
 void appendSafeComponent(std::string& path, std::string_view component) {
   const size_t start = path.size();
+  if (platform::FileManager::isTemporaryName(component)) {
+    path += "%2E";
+    component.remove_prefix(1);
+  }
   appendWithoutNul(path, component);
   if (path.size() - start <= kLongestName) return;
-  path.resize(start + kKeptOfLongName);
+  size_t kept = start + kKeptOfLongName;
+  // A character has at most four bytes; what is none may be cut anywhere.
+  for (int i = 0; i < 3 && isInsideCharacter(path[kept]); ++i)
+    --kept;
+  if (isInsideCharacter(path[kept])) kept = start + kKeptOfLongName;
+  path.resize(kept);
   path += "~" + QNHexDigits(QNHash64(component));
+}
+
+char lower(char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+// Whether that place is a file of ours, or one that is set aside beside it.
+bool isOwnName(std::string_view place, std::string_view own) {
+  if (place.size() < own.size()) return false;
+  const std::string_view rest = place.substr(own.size());
+  return (rest.empty() || rest == QNDamagedSuffix) &&
+         std::equal(own.begin(), own.end(), place.begin(),
+                    [](char a, char b) { return lower(a) == lower(b); });
 }
 
 }  // namespace
@@ -48,7 +83,8 @@ bool QNIsOrdinaryPath(std::string_view reference) {
     if (i < reference.size() && reference[i] == '\0') return false;
     if (i < reference.size() && reference[i] != '/') continue;
     const std::string_view component = reference.substr(start, i - start);
-    if (goesNowhere(component) || component == ".." || component.size() > kLongestName)
+    if (goesNowhere(component) || component == ".." || component.size() > kLongestName ||
+        platform::FileManager::isTemporaryName(component))
       return false;
     start = i + 1;
   }
@@ -93,7 +129,7 @@ std::string QNNormalisedPath(std::string_view relativePath) {
 }
 
 std::optional<std::string> QNRefusalOfPlace(std::string_view relativePath,
-                                            std::string_view manifestName) {
+                                            std::string_view manifestName, bool foldsCase) {
   std::string normalised;
   std::string_view place = relativePath;
   if (!QNIsOrdinaryPath(relativePath)) place = normalised = QNNormalisedPath(relativePath);
@@ -102,8 +138,40 @@ std::optional<std::string> QNRefusalOfPlace(std::string_view relativePath,
   if (const size_t slash = last.rfind('/'); slash != std::string_view::npos)
     last.remove_prefix(slash + 1);
   if (goesNowhere(last) || last == "..") return "its place would be a directory";
-  if (place == kManifestName || place == manifestName)
+  const auto isManifest = [&](std::string_view name) {
+    return foldsCase ? QNFoldedCase(place) == QNFoldedCase(name) : place == name;
+  };
+  if (isManifest(kManifestName) || isManifest(manifestName))
     return "its place would be that of the stored manifest";
-  if (place == QNMoviePropertiesFileName) return "its place would be that of the properties file";
+  if (isOwnName(place, QNMoviePropertiesFileName))
+    return "its place would be that of the properties file";
+  if (isOwnName(place, QNDownloadRecordFileName))
+    return "its place would be that of the record of stored files";
   return std::nullopt;
+}
+
+std::string QNFoldedCase(std::string_view text) {
+  static const locale_t utf8 = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+  const locale_t before = utf8 ? ::uselocale(utf8) : nullptr;
+  std::string folded;
+  folded.reserve(text.size());
+  std::mbstate_t state{};
+  while (!text.empty()) {
+    wchar_t wide = 0;
+    const size_t length = std::mbrtowc(&wide, text.data(), text.size(), &state);
+    const bool isCharacter = length != 0 && length <= text.size();
+    if (isCharacter) {
+      std::array<char, MB_LEN_MAX> bytes{};
+      std::mbstate_t none{};
+      const size_t count =
+          std::wcrtomb(bytes.data(), static_cast<wchar_t>(std::towlower(wide)), &none);
+      if (count <= bytes.size()) folded.append(bytes.data(), count);
+    } else {
+      folded += text.front();
+      state = {};
+    }
+    text.remove_prefix(isCharacter ? length : 1);
+  }
+  if (before) ::uselocale(before);
+  return folded;
 }

@@ -5,7 +5,9 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <limits>
 #include <system_error>
 #include <utility>
@@ -231,6 +233,46 @@ ErrorPtr errorUnless0(int errnum, const char* what, const std::string& path) {
 
 std::atomic<FileManager*> replacement{nullptr};
 
+constexpr int64_t kRoomAhead = 64 << 10;
+
+class RealAppendedFile final : public FileManager::AppendedFile {
+ public:
+  RealAppendedFile(std::string path, FileDescriptor file, int64_t size)
+      : path_(std::move(path)), file_(std::move(file)), size_(size) {}
+
+  ErrorPtr append(std::string_view bytes) override {
+    if (size_ >= roomEnd_ - kRoomAhead / 2) takeRoom();
+    ssize_t written = 0;
+    do {
+      written = write(file_.get(), bytes.data(), bytes.size());
+    } while (written < 0 && errno == EINTR);
+    if (written < 0) return Error::errorWithErrno(errno, "Cannot write", path_);
+    size_ += written;
+    return static_cast<size_t>(written) == bytes.size()
+               ? nullptr
+               : Error::errorWithErrno(ENOSPC, "Cannot write", path_);
+  }
+
+  ErrorPtr flushFileSystem() override {
+    if (syncfs(file_.get()) == 0) return nullptr;
+    return Error::errorWithErrno(errno, "Cannot flush the file system of", path_);
+  }
+
+  int64_t size() const override { return size_; }
+
+ private:
+  // Not every file system can; then the next line may find the disk full.
+  void takeRoom() {
+    (void)fallocate(file_.get(), FALLOC_FL_KEEP_SIZE, size_, kRoomAhead);
+    roomEnd_ = size_ + kRoomAhead;
+  }
+
+  const std::string path_;
+  const FileDescriptor file_;
+  int64_t size_;  // of the appending side, which its owner serialises
+  int64_t roomEnd_ = 0;
+};
+
 }  // namespace
 
 FileManager& FileManager::defaultManager() {
@@ -245,6 +287,8 @@ void FileManager::setDefaultManager(FileManager* manager) {
 }
 
 FileManager::~FileManager() = default;
+
+FileManager::AppendedFile::~AppendedFile() = default;
 
 bool FileManager::fileExistsAtPath(const std::string& path) {
   return statOf(path).has_value();
@@ -352,6 +396,37 @@ ErrorPtr FileManager::writeAtomically(const std::string& path, const void* bytes
   if (!failed) failed = writeAll(file.fd(), static_cast<const uint8_t*>(bytes), size);
   if (!failed) failed = file.commit();
   return errorUnless0(failed, what, path);
+}
+
+std::unique_ptr<FileManager::AppendedFile> FileManager::openForAppending(const std::string& path,
+                                                                         unsigned mode,
+                                                                         ErrorPtr* error) {
+  const auto failed = [&](int errnum) {
+    if (error) *error = Error::errorWithErrno(errnum, "Cannot open", path);
+    return nullptr;
+  };
+  FileDescriptor file(open(path.c_str(),
+                           O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK,
+                           static_cast<mode_t>(mode)));
+  if (!file) return failed(errno);
+  struct stat info {};
+  if (fstat(file.get(), &info) != 0) return failed(errno);
+  if (!S_ISREG(info.st_mode)) return failed(EINVAL);
+  return std::make_unique<RealAppendedFile>(path, std::move(file), info.st_size);
+}
+
+ErrorPtr FileManager::setMode(const std::string& path, unsigned mode) {
+  const int failed = chmod(path.c_str(), static_cast<mode_t>(mode)) == 0 ? 0 : errno;
+  return errorUnless0(failed, "Cannot set the mode of", path);
+}
+
+unsigned FileManager::umaskOfProcess() {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with("Umask:"))
+      return static_cast<unsigned>(std::strtoul(line.c_str() + 6, nullptr, 8));
+  }
+  return 0077;
 }
 
 bool FileManager::isTemporaryName(std::string_view name) {

@@ -81,6 +81,29 @@ class QN_EXPORT FileManager {
   virtual ErrorPtr writeAtomically(const std::string& path, const void* bytes, size_t size,
                                    unsigned mode = 0666);
 
+  // A file that grows at its end and is never changed before it. Calls may come from any thread; a
+  // flush does not keep others from appending meanwhile.
+  class QN_EXPORT AppendedFile {
+   public:
+    virtual ~AppendedFile();
+    // In one call of the system. After a failure a part of the bytes may be there.
+    virtual ErrorPtr append(std::string_view bytes) = 0;
+    // Brings everything that was written to the file's file system before the call to the disk,
+    // names as well, and reports what failed to get there since this object was made.
+    virtual ErrorPtr flushFileSystem() = 0;
+    // What it was when it was opened, and what was appended since, also by a call that failed. Not
+    // while another thread appends.
+    virtual int64_t size() const = 0;
+  };
+  // Opens it, or makes it with `mode` (as in open(2)); a link is not followed (ELOOP). Room beyond
+  // its end is taken ahead where the file system can do that, so that some lines fit on a full
+  // disk. Null with an error when it cannot be opened.
+  virtual std::unique_ptr<AppendedFile> openForAppending(const std::string& path, unsigned mode,
+                                                         ErrorPtr* error);
+  virtual ErrorPtr setMode(const std::string& path, unsigned mode);
+  // The process's umask, which is read and never changed; 0077 when the system does not say it.
+  static unsigned umaskOfProcess();
+
   // Whether `name` (the last component) is one that this class gives to files on their way. Only a
   // killed process leaves one behind; whoever owns the directory ignores it and may remove it.
   static bool isTemporaryName(std::string_view name);

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "platform/BootIdentifier.h"
 #include "platform/Exception.h"
 #include "platform/Mutex.h"
 
@@ -70,6 +71,10 @@ URLSessionDownloadTask::~URLSessionDownloadTask() = default;
 URLSessionDataTask::~URLSessionDataTask() = default;
 
 URLSession::~URLSession() = default;
+
+std::string URLSession::bootIdentifier() const {
+  return currentBootIdentifier();
+}
 
 void URLSession::tellEndOfBackgroundEvents() {}
 

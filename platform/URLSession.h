@@ -137,6 +137,9 @@ class QN_EXPORT URLSessionDownloadTask {
   virtual int64_t countOfBytesExpectedToReceive()
       const = 0;  // URLSessionTransferSizeUnknown when not known
   virtual URLSessionTaskWaitReason waitReason() const = 0;
+  // ContentHash of the finished file, taken while its bytes came; nullopt where that could not be
+  // done, as of a file that was continued: then whoever wants it reads the file.
+  virtual std::optional<uint64_t> hashOfBytesReceived() const { return std::nullopt; }
 
   virtual void resume() = 0;
   virtual void suspend() = 0;
@@ -177,6 +180,8 @@ class QN_EXPORT URLSession : public std::enable_shared_from_this<URLSession> {
   virtual ~URLSession();
 
   virtual const URLSessionConfiguration& configuration() const = 0;
+  // Of the machine that the session's files lie on (BootIdentifier.h).
+  virtual std::string bootIdentifier() const;
   // A new task, suspended. Never null: what cannot be requested is a task that fails asynchronously
   // once resumed.
   virtual std::shared_ptr<URLSessionDownloadTask> downloadTaskWithRequest(

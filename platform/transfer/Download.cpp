@@ -45,6 +45,10 @@ bool Download::canBeContinued() const {
   return content_.received > 0 && !content_.validator.empty();
 }
 
+std::optional<uint64_t> Download::contentHash() const {
+  return hash_ ? std::optional(hash_->digest()) : std::nullopt;
+}
+
 void Download::start() {
   const URLPtr url = request_->url();
   if (!url || !url->isHTTP()) {
@@ -136,7 +140,9 @@ bool Download::beginContent(HttpHead& head, bool continues) {
   }
   ++responses_;
   base_ = continues ? content_.received : 0;
+  hash_.reset();
   if (!continues) {
+    hash_.emplace();
     content_.received = 0;
     content_.synced = 0;
     content_.expected = URLSessionTransferSizeUnknown;
@@ -214,6 +220,7 @@ bool Download::exchangeDidReceiveBody(const char* bytes, size_t count) {
   size_t written = 0;
   diskError_ = PartialFiles::write(fd_.get(), bytes, count, content_.received, written);
   content_.received += static_cast<int64_t>(written);
+  if (hash_) hash_->update(bytes, written);
   if (!touched_) {
     touched_ = true;
     owner_.downloadDidReceive(*this);

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/ContentHash.h"
 #include "platform/transfer/HttpExchange.h"
 #include "platform/transfer/HttpRules.h"
 #include "platform/transfer/TransferStore.h"
@@ -62,6 +63,8 @@ class Download final : public HttpExchange::Observer {
   int64_t base() const { return base_; }
   bool takeTouched() { return std::exchange(touched_, false); }
   int fd() const { return fd_.get(); }
+  // Of a file whose bytes have all passed through here; nullopt when it was continued.
+  std::optional<uint64_t> contentHash() const;
 
   End end() const { return end_; }
   const HttpOutcome& outcome() const { return outcome_; }
@@ -91,6 +94,7 @@ class Download final : public HttpExchange::Observer {
   Owner& owner_;
   std::unique_ptr<HttpExchange> exchange_;
   FileDescriptor fd_;
+  std::optional<ContentHash> hash_;  // of the file from its first byte
   RangeAsked asked_;
   int64_t base_ = 0;
   int64_t bytesAtEnd_ = URLSessionTransferSizeUnknown;  // of the task, when the body has ended

@@ -184,6 +184,7 @@ void SessionCore::_receive(TransferEvent&& event) {
     if (event.kind != TransferEvent::Kind::Failed) {
       task->received_ = event.received;
       task->expected_ = event.expected;
+      task->hash_ = event.contentHash;
     }
   }
   if (task->ended_) return;

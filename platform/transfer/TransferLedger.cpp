@@ -503,6 +503,7 @@ std::vector<TransferEvent> TransferLedger::end(const std::vector<Ending>& ending
       record.stage = ending.error ? TransferStage::Failed : TransferStage::Finished;
       if (ending.resumable) record.resumeToken = makeResumeToken();
       events.push_back(_endEvent(record));
+      events.back().contentHash = ending.contentHash;
       if (storesEndingsFirst_) {
         entry->factsChanged = true;
         _markChanged(entry);

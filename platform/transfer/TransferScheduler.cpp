@@ -403,6 +403,7 @@ void TransferScheduler::takeEnd(Job& job) {
   job.content = download->content();
   switch (download->end()) {
     case Download::End::Finished:
+      job.contentHash = download->contentHash();
       return endWhole(job);
     case Download::End::Part:
       return askOn(job);
@@ -478,8 +479,9 @@ void TransferScheduler::failJob(Job& job, const HttpOutcome& outcome, int64_t st
   endJob(job, error, job.content.received > 0 && !job.content.validator.empty());
 }
 
-void TransferScheduler::endJob(Job& job, const ErrorPtr& error, bool resumable) {
-  endings_.push_back({job.id, job.content, error, resumable});
+void TransferScheduler::endJob(Job& job, const ErrorPtr& error, bool resumable,
+                               std::optional<uint64_t> contentHash) {
+  endings_.push_back({job.id, job.content, error, resumable, contentHash});
   endedResponses_[job.id] = {job.responseNumber, job.base};
   removeJob(job);
 }

@@ -97,10 +97,11 @@ class TransferScheduler final : public Download::Owner {
     int64_t base = 0;
     bool contentStored = false;
     bool reportDirty = false;
-    bool throttled = false;  // paused by the rate limit
-    int64_t flushAsked = 0;  // bytes that were sent to the disk
-    int64_t flushAtMs = 0;   // when
-    int failedFlushes = 0;   // in a row
+    bool throttled = false;               // paused by the rate limit
+    std::optional<uint64_t> contentHash;  // of the download that found the content whole
+    int64_t flushAsked = 0;               // bytes that were sent to the disk
+    int64_t flushAtMs = 0;                // when
+    int failedFlushes = 0;                // in a row
     URLSessionTaskWait toldWait = URLSessionTaskWait::None;
   };
 
@@ -146,7 +147,8 @@ class TransferScheduler final : public Download::Owner {
   void waitForRoom(Job& job);
   void checkRoom(Job& job);
   void runTimer(Job& job);
-  void endJob(Job& job, const ErrorPtr& error, bool resumable);
+  void endJob(Job& job, const ErrorPtr& error, bool resumable,
+              std::optional<uint64_t> contentHash = std::nullopt);
   void failJob(Job& job, const HttpOutcome& outcome, int64_t status);
   void noteResponse(Job& job);
   void commitEndings();

@@ -124,7 +124,7 @@ void TransferScheduler::takeFlushed() {
 
 // A whole file is told of when no flush of it is under way that could still fail.
 void TransferScheduler::endWhole(Job& job) {
-  if (!flusher_.isPending(job.content.file)) return endJob(job, nullptr, false);
+  if (!flusher_.isPending(job.content.file)) return endJob(job, nullptr, false, job.contentHash);
   leaveActive(job);
   setTrying(job, false);
   job.state = State::Flushing;

@@ -79,6 +79,11 @@ int64_t TransferTask::countOfBytesExpectedToReceive() const {
   return expected_;
 }
 
+std::optional<uint64_t> TransferTask::hashOfBytesReceived() const {
+  MutexLock lock(mutex_);
+  return hash_;
+}
+
 URLSessionTaskWaitReason TransferTask::waitReason() const {
   URLSessionTaskWaitReason reason;
   int64_t retryAtMs = 0;

@@ -29,6 +29,7 @@ class TransferTask final : public URLSessionDownloadTask,
   int64_t countOfBytesReceived() const override;
   int64_t countOfBytesExpectedToReceive() const override;
   URLSessionTaskWaitReason waitReason() const override;
+  std::optional<uint64_t> hashOfBytesReceived() const override;
   void resume() override;
   void suspend() override;
   void cancel() override;
@@ -50,6 +51,7 @@ class TransferTask final : public URLSessionDownloadTask,
   ErrorPtr error_ GUARDED_BY(mutex_);
   int64_t received_ GUARDED_BY(mutex_);
   int64_t expected_ GUARDED_BY(mutex_);
+  std::optional<uint64_t> hash_ GUARDED_BY(mutex_);
   URLSessionTaskWaitReason wait_ GUARDED_BY(mutex_);
   int64_t retryAtMs_ GUARDED_BY(mutex_) = 0;
 

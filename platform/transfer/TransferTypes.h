@@ -79,6 +79,7 @@ struct TransferEvent {
   URLSessionTaskWaitReason wait;
   int64_t retryAtMs = 0;  // on the engine's clock
   std::string path;
+  std::optional<uint64_t> contentHash;  // of the finished file, when its bytes passed in one piece
   ErrorPtr error;
   std::string resumeToken;  // of a failed task whose content can be continued
   bool held = false;        // from before the front was there

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 
+#include "engine/QNDownloadRecord.h"
 #include "platform/Exception.h"
 #include "platform/FileManager.h"
 #include "playlist/QNMovie.h"
@@ -45,7 +46,7 @@ class SetStorage : public testing::Test {
     std::sort(names.begin(), names.end());
     std::string text;
     for (const auto& name : names)
-      if (name != QNMoviePropertiesFileName) text += name + " ";
+      if (name != QNMoviePropertiesFileName && name != QNDownloadRecordFileName) text += name + " ";
     return text;
   }
 

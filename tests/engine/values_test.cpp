@@ -153,6 +153,11 @@ TEST(ResourcePath, StaysBelowTheDirectoryAndChangesNothingElse) {
       {"Manifest.ism", "Manifest.ism", "Manifest.ism", "the stored manifest"},
       {"/QNMovieDownloadSetProperties.json", "/QNMovieDownloadSetProperties.json",
        "QNMovieDownloadSetProperties.json", "the properties file"},
+      {"qnmoviedownloadsetproperties.json.damaged", "qnmoviedownloadsetproperties.json.damaged",
+       "qnmoviedownloadsetproperties.json.damaged", "the properties file"},
+      {"QNMovieDownloadRecord.JSON", "QNMovieDownloadRecord.JSON", "QNMovieDownloadRecord.JSON",
+       "the record of stored files"},
+      {"a/.qn-1.tmp", "a/%2Eqn-1.tmp", "a/%2Eqn-1.tmp", nullptr},
       {"x/manifest.mpd", "x/manifest.mpd", "x/manifest.mpd", nullptr},
       {"manifest.mpd?1", "manifest.mpd?1", "manifest.mpd?1", nullptr},
   };
@@ -172,6 +177,15 @@ TEST(ResourcePath, StaysBelowTheDirectoryAndChangesNothingElse) {
   EXPECT_EQ(shortened.substr(0, 203), "a/" + kept);
   EXPECT_EQ(shortened.size(), 2 + 201 + 16 + 2);
   EXPECT_NE(shortened, QNRelativeResourcePath("a/" + longName + "y/b"));
+  // The cut keeps characters whole; what is no UTF-8 is cut where it stands.
+  const std::string umlauts =
+      QNRelativeResourcePath("x" + longName.substr(0, 198) + "\u00e4\u00e4" + longName);
+  EXPECT_EQ(umlauts.substr(0, 200), "x" + longName.substr(0, 198) + "~");
+  EXPECT_EQ(QNRelativeResourcePath(std::string(300, '\x80')).substr(0, 201),
+            std::string(200, '\x80') + "~");
+  EXPECT_TRUE(QNRefusalOfPlace("MANIFEST.mpd", "m", true));
+  EXPECT_FALSE(QNRefusalOfPlace("MANIFEST.mpd", "m", false));
+  EXPECT_EQ(QNFoldedCase("A\u00c4\xff/b"), "a\u00e4\xff/b");
 }
 
 }  // namespace

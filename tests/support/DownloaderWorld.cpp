@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "engine/QNDownloadRecord.h"
+
 namespace qntest {
 
 DownloaderWorld::DownloaderWorld() {
@@ -40,7 +42,9 @@ std::string DownloaderWorld::stored() const {
   std::sort(names.begin(), names.end());
   std::string text;
   for (const auto& name : names) {
-    if (name != QNMoviePropertiesFileName && name != "manifest.mpd") text += name + " ";
+    if (name != QNMoviePropertiesFileName && name != QNDownloadRecordFileName &&
+        name != "manifest.mpd")
+      text += name + " ";
   }
   return text;
 }

@@ -27,6 +27,8 @@ class ScriptedFileManager : public platform::FileManager {
   void setFault(Fault fault) { fault_ = std::move(fault); }
   // Writes without flushing the disk, which no test of logic needs.
   void setFast() { fast_ = true; }
+  // Names that differ in the case of their letters are one file, as far as that can be asked.
+  void setFoldsCase() { foldsCase_ = true; }
   // How many times the file system was asked anything at all.
   uint64_t calls() const { return calls_; }
 
@@ -41,13 +43,18 @@ class ScriptedFileManager : public platform::FileManager {
   platform::ErrorPtr removeItem(const std::string& path) override;
   platform::ErrorPtr writeAtomically(const std::string& path, const void* bytes, size_t size,
                                      unsigned mode) override;
+  std::unique_ptr<AppendedFile> openForAppending(const std::string& path, unsigned mode,
+                                                 platform::ErrorPtr* error) override;
 
  private:
+  class Appended;
+  std::string realPath(const std::string& path);
   platform::ErrorPtr refusal(const char* method, const std::string& path);
 
   std::shared_ptr<KillSwitch> killSwitch_;
   Fault fault_;
   bool fast_ = false;
+  bool foldsCase_ = false;
   std::atomic<uint64_t> calls_{0};
 };
 

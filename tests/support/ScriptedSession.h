@@ -48,6 +48,8 @@ class ScriptedStore {
   size_t size() const;
   // A store that cannot be opened throws this reason, as long as there is one.
   void refuse(std::optional<std::string> reason) { refusal_ = std::move(reason); }
+  // From now on the sessions over this store run in another boot of the machine.
+  void setBoot(std::string identifier) { boot_ = std::move(identifier); }
 
  private:
   friend class ScriptedSession;
@@ -60,6 +62,7 @@ class ScriptedStore {
   uint64_t nextIdentifier_ = 1;
   uint64_t nextResumable_ = 1;
   bool held_ = false;
+  std::string boot_ = "boot 1";
   std::optional<std::string> refusal_;
   std::shared_ptr<KillSwitch> killSwitch_;
   TempDirectory directory_;
@@ -104,6 +107,7 @@ class ScriptedSession : public platform::URLSession {
   size_t tasksMade() const { return tasksMade_; }
 
   const platform::URLSessionConfiguration& configuration() const override { return configuration_; }
+  std::string bootIdentifier() const override { return store_->boot_; }
   Task downloadTaskWithRequest(const platform::URLRequestPtr& request) override;
   Task downloadTaskWithResumeData(const platform::DataPtr& resumeData) override;
   void getTasksWithCompletionHandler(std::function<void(const Tasks&)> completion) override;

@@ -338,6 +338,8 @@ void writeEvent(WireWriter& out, const TransferEvent& event) {
   out.text(event.wait.detail);
   out.i64(event.retryAtMs);
   out.text(event.path);
+  out.boolean(event.contentHash.has_value());
+  if (event.contentHash) out.u64(*event.contentHash);
   writeError(out, event.error);
   out.text(event.resumeToken);
   out.boolean(event.held);
@@ -357,6 +359,7 @@ TransferEvent readEvent(WireReader& in) {
   event.wait.detail = in.text();
   event.retryAtMs = in.i64();
   event.path = in.text();
+  if (in.boolean()) event.contentHash = in.u64();
   event.error = readError(in);
   event.resumeToken = in.text();
   event.held = in.boolean();
