@@ -20,6 +20,7 @@ using platform::RecursiveLock;
 namespace {
 
 constexpr int kWriterLogLevel = 0;
+constexpr unsigned kMode = 0600;  // the address may hold a secret
 constexpr int64_t kLongestFile = int64_t{64} << 20;
 
 bool isOutOfRoom(const platform::Error& error) {

@@ -72,7 +72,7 @@ class TransferLedger {
     TransferContent content;
     ErrorPtr error;          // null: the file is whole
     bool resumable = false;  // a failed one's content can be continued
-    std::optional<uint64_t> contentHash;
+    std::optional<uint64_t> contentHash = std::nullopt;
   };
   // Marks the tasks and stores that at once, those that the store knows. Returns the events.
   std::vector<TransferEvent> end(const std::vector<Ending>& endings);

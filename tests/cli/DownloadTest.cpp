@@ -14,7 +14,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const char* const kProperties = "QNMovieDownloadSetProperties.json";
+const char* const kOwnFiles = "QNMovieDownload";
 
 // Polls, since what another process does to files is no event here.
 template <class Condition>
@@ -34,7 +34,7 @@ class DownloadTest : public ::testing::Test {
   std::string url() const { return server_.url("/film/manifest.mpd"); }
   // Names of what is stored, without the properties file.
   std::map<std::string, std::string> stored() const {
-    return filesBelow(program_.onlyDownload(), kProperties);
+    return filesBelow(program_.onlyDownload(), kOwnFiles);
   }
   static std::map<std::string, std::string> sample(const std::string& withoutPrefix = "\n") {
     return filesBelow(kSample, withoutPrefix);
@@ -187,7 +187,7 @@ TEST_F(DownloadTest, ASignalPausesAndTheNextRunGoesOn) {
     EXPECT_EQ(program.download(url()).code, 0);
     for (const auto& [name, content] : sample())
       EXPECT_EQ(server_.bytesSentAgain("/film/" + name), 0U) << name;
-    const auto files = filesBelow(program.onlyDownload(), kProperties);
+    const auto files = filesBelow(program.onlyDownload(), kOwnFiles);
     EXPECT_EQ(files.count("part-0-008.m4s"), 1U);
     for (const auto& [name, content] : files)
       EXPECT_EQ(content, sample()[name]) << name;

@@ -139,7 +139,7 @@ TEST_F(EncoderTest, SmoothStreamingArrivesAsItWasEncoded) {
   std::erase_if(encoded, [](const auto& file) {
     return file.first.find("FragmentInfo") != std::string::npos;
   });
-  EXPECT_EQ(filesBelow(directory, "QNMovieDownloadSetProperties.json").size(), encoded.size());
+  EXPECT_EQ(filesBelow(directory, "QNMovieDownload").size(), encoded.size());
 }
 
 }  // namespace
