@@ -11,10 +11,12 @@
 #include <unistd.h>
 
 #include "platform/Exception.h"
+#include "platform/FileManager.h"
 #include "platform/transfer/StoreLock.h"
 #include "platform/transfer/TransferLedger.h"
 #include "platform/transfer/TransferStore.h"
 #include "platform/transfer/TransferStoreSchema.h"
+#include "platform/transfer/service/SessionRegistry.h"
 #include "tests/support/TempDirectory.h"
 #include "tests/support/UserNamespace.h"
 #include "tests/transfer/FaultyDatabase.h"
@@ -455,6 +457,21 @@ TEST_F(StoreTest, ATransientErrorAtOpeningIsNoDamage) {
     }
   }
   PartialFiles::setHook(nullptr);
+}
+
+TEST_F(StoreTest, ASessionThatCannotBeReadNowStaysKnown) {
+  class Unreadable : public FileManager {
+    DataPtr contentsAtPath(const std::string& path, int64_t, ErrorPtr* error) override {
+      if (error) *error = Error::errorWithErrno(EIO, "read", path);
+      return nullptr;
+    }
+  } unreadable;
+  const service::SessionRegistry registry(directory_.path("services"));
+  registry.save({"id", directory_.path(), directory_.path(), false, 0});
+  FileManager::setDefaultManager(&unreadable);
+  EXPECT_TRUE(registry.load().empty());
+  FileManager::setDefaultManager(nullptr);
+  EXPECT_EQ(1u, registry.load().size());
 }
 
 TEST_F(StoreTest, ATaskThatCannotBeStoredFailsAndTheOthersStay) {

@@ -1,5 +1,6 @@
 #include "platform/transfer/service/SessionRegistry.h"
 
+#include <cerrno>
 #include <utility>
 
 #include "platform/Exception.h"
@@ -54,9 +55,15 @@ std::string SessionRegistry::pathOf(const std::string& key) const {
 
 std::optional<SessionRecord> SessionRegistry::read(const std::string& path) const {
   auto& files = FileManager::defaultManager();
-  const DataPtr bytes = files.contentsAtPath(path, kMaximumSize);
-  auto record = bytes ? decode(*bytes) : std::nullopt;
-  if (!record && files.fileExistsAtPath(path)) {
+  ErrorPtr error;
+  const DataPtr bytes = files.contentsAtPath(path, kMaximumSize, &error);
+  if (!bytes) {
+    // Only what was read can be judged.
+    if (error && error->code() != ENOENT) logError("Error: " + error->localizedDescription());
+    return std::nullopt;
+  }
+  auto record = decode(*bytes);
+  if (!record) {
     logError("Error: " + path + " is damaged and was removed");
     files.removeItem(path);
   }
