@@ -32,8 +32,13 @@ std::vector<Place> recordedPlaces() {
   for (const auto& entry :
        files.contentsOfDirectory(directory).value_or(std::vector<platform::FileManager::Entry>())) {
     if (!entry.isRegular || !entry.name.ends_with(kRecordExtension)) continue;
-    const auto record = Record::read(platform::FileManager::pathByAppending(directory, entry.name));
-    if (record) places.push_back(Place::forTarget(record->root, record->url));
+    try {
+      const auto record =
+          Record::read(platform::FileManager::pathByAppending(directory, entry.name));
+      if (record) places.push_back(Place::forTarget(record->root, record->url));
+    } catch (const Failure& failure) {
+      Console::shared().note(failure.message());  // the others are listed
+    }
   }
   std::sort(places.begin(), places.end(),
             [](const Place& a, const Place& b) { return a.directory < b.directory; });

@@ -105,14 +105,16 @@ Choice choiceFromJSON(const JSON& json) {
 }
 
 std::optional<Record> Record::read(const std::string& path) {
-  auto& files = platform::FileManager::defaultManager();
-  if (!files.fileExistsAtPath(path)) return std::nullopt;
-  const auto bytes = files.contentsAtPath(path, kMaximumBytes);
-  std::optional<Record> record;
-  if (bytes) {
-    const auto json = JSON::parse({reinterpret_cast<const char*>(bytes->data()), bytes->size()});
-    if (json) record = fromJSON(*json);
+  platform::ErrorPtr error;
+  const auto bytes =
+      platform::FileManager::defaultManager().contentsAtPath(path, kMaximumBytes, &error);
+  if (!bytes && error && error->code() != ENOENT) {
+    throw Failure(ExitIncomplete, error->localizedDescription());
   }
+  if (!bytes) return std::nullopt;
+  std::optional<Record> record;
+  const auto json = JSON::parse({reinterpret_cast<const char*>(bytes->data()), bytes->size()});
+  if (json) record = fromJSON(*json);
   if (!record) {
     Console::shared().note("The record " + path + " is damaged; it is set aside as " + path +
                            ".damaged.");

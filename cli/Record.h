@@ -33,7 +33,7 @@ struct Record {
   std::optional<Outcome> outcome;
 
   // nullopt when there is none. A damaged one is set aside as "<path>.damaged" and reported to the
-  // console.
+  // console; one that cannot be read now throws Failure (ExitIncomplete) and is left alone.
   static std::optional<Record> read(const std::string& path);
   // Replaces the file as a whole; its directory is made with mode 0700. Throws Failure
   // (ExitCannotWrite).

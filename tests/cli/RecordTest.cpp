@@ -59,6 +59,9 @@ TEST(RecordTest, WhatIsDamagedIsSetAside) {
     EXPECT_EQ(qntest::readFile(path + ".damaged"), text);
     EXPECT_FALSE(qntest::readFile(path)) << text;
   }
+  // What cannot be read, as a directory cannot, is not known to be damaged.
+  EXPECT_THROW(Record::read(directory.path()), cli::Failure);
+  EXPECT_TRUE(qntest::readFile(path + ".damaged")) << "it was moved away";
   // Members of a wrong type, or unknown ones, cost only themselves.
   directory.write(
       "record.json",
