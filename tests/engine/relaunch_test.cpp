@@ -3,8 +3,6 @@
 #include "engine/QNResourceId.h"
 #include "platform/Application.h"
 #include "platform/Exception.h"
-#include "playlist/QNMovie.h"
-#include "playlist/QNTrack.h"
 #include "tests/support/DownloaderWorld.h"
 
 namespace {
@@ -17,34 +15,6 @@ using qntest::render;
 
 const std::vector<QualityPlan> kMovie = {{QNMediaTypeVideo, "v", {"v/1", "v/2", "v/3"}},
                                          {QNMediaTypeAudio, "a", {"a/1", "a/2"}}};
-
-// Does after a launch what the documentation tells an application to do, and nothing else. Its own
-// record says that it wants everything.
-class RecipeApplication : public QNMovieDownloadSetDelegate {
- public:
-  explicit RecipeApplication(std::shared_ptr<QNMovieDownloader> downloader)
-      : downloader_(std::move(downloader)) {}
-
-  void goOn(const Set& set) {
-    if (set->status() == QNDownloadStatusRunning) downloader_->pause(set);
-    if (set->status() == QNDownloadStatusPaused) downloader_->resume(set);
-    if (set->status() == QNDownloadStatusIdle) startWhatIsWanted(set);
-  }
-  void movieDownloadSetDidChangeStatus(const Set& set, QNDownloadStatus status) override {
-    if (status == QNDownloadStatusIdle) startWhatIsWanted(set);
-  }
-
- private:
-  void startWhatIsWanted(const Set& set) {
-    for (const auto& track : set->movie()->tracks()) {
-      for (const auto& quality : track->qualities())
-        set->selectQuality(quality);  // does nothing when it is selected or downloaded
-    }
-    downloader_->download(set);
-  }
-
-  const std::shared_ptr<QNMovieDownloader> downloader_;
-};
 
 class Relaunch : public testing::Test {
  protected:
@@ -79,27 +49,6 @@ class Relaunch : public testing::Test {
     before.reset();
     world.launch();
     return world.downloader->fetchActiveDownloadSetForURL(DownloaderWorld::url);
-  }
-
-  // What an application does after a launch: tasks in step, and what was asked for and is neither
-  // there nor under way chosen and started again, also when the set comes to rest.
-  void finishEverything() {
-    auto set = world.activate();
-    ASSERT_NE(set, nullptr);
-    auto& downloader = *world.downloader;
-    if (set->status() == QNDownloadStatusRunning) {
-      EXPECT_TRUE(downloader.pause(set));
-    }
-    if (set->status() == QNDownloadStatusPaused) {
-      EXPECT_TRUE(downloader.resume(set));
-    }
-    for (int round = 0; round < 3; ++round) {
-      world.serveAll();
-      set->_checkInvariants();
-      ASSERT_EQ(set->status(), QNDownloadStatusIdle);
-      set->selectAllQualities();
-      if (!downloader.download(set)) break;
-    }
   }
 
   DownloaderWorld world;
@@ -215,49 +164,40 @@ TEST_F(Relaunch, LaterSegmentsAreAskedForLikeTheFirst) {
 }
 
 TEST_F(Relaunch, HeadersGoWhereTheyWentBefore) {
-  const QNHeaders token{{"X-Token", "t"}};
-  const std::vector<std::string> nowhere = {"http://cdn/1", "http://cdn/2", "http://cdn/3",
-                                            "https://host/4"};
-  const std::vector<std::string> mixed = {"1", "http://cdn/2", "http://keys/3", "http://host:81/4"};
-  for (const auto& first : {mixed, nowhere}) {
-    std::vector<std::string> resources = first;
-    resources.insert(resources.end(), {"5", "http://cdn/6", "http://keys:80/7", "http://host/8"});
-    world.storeManifest({{QNMediaTypeVideo, "v", resources}});
+  const auto token = std::make_shared<QNHeaders>(QNHeaders{{"X-Token", "t"}});
+  const auto expectHeaders = [&](const char* when) {
+    for (const auto& task : world.session().tasks()) {
+      const auto request = task->originalRequest();
+      const std::string origin = request->url()->origin();
+      EXPECT_EQ(request->valueForHTTPHeaderField("X-Token").has_value(),
+                origin == "http://host:80" || origin == "http://keys:80")
+          << when << request->url()->absoluteString();
+    }
+  };
+  // Of the second four that are left none tells the headers: the application does.
+  for (const char* const first : {"1", "https://host/1"}) {
+    world.storeManifest({{QNMediaTypeVideo,
+                          "v",
+                          {first, "http://cdn/2", "http://cdn/3", "http://host:81/4", "5",
+                           "http://cdn/6", "http://keys:80/7", "http://host/8"}}});
     world.launch();
     world.downloader->setHeaderOrigins(QNHeaderOrigins{"http://KEYS:80/"});
-    world.downloader->setAdditionalHeaders(std::make_shared<QNHeaders>(token));
-    auto set = world.activate();
-    set->selectAllQualities();
-    ASSERT_TRUE(world.downloader->download(set));
-    const auto expectHeaders = [&](size_t from) {
-      for (const auto& task : world.session().tasks()) {
-        const auto request = task->originalRequest();
-        const std::string origin = request->url()->origin();
-        const bool sent = origin == "http://host:80" || origin == "http://keys:80";
-        EXPECT_EQ(request->valueForHTTPHeaderField("X-Token").has_value(), sent)
-            << request->url()->absoluteString() << " from " << from;
-      }
-    };
-    expectHeaders(0);
-    set.reset();
+    world.downloader->setAdditionalHeaders(token);
+    world.activate()->selectAllQualities();
+    ASSERT_TRUE(world.downloader->download(world.activate()));
+    expectHeaders("started ");
     world.kill();
-    set = launched();
-    ASSERT_NE(set, nullptr);
-    EXPECT_EQ(set->headerOrigins(), QNHeaderOrigins{"http://keys:80"});
-    // No task that was left tells them: the application does.
-    if (first == nowhere)
-      world.downloader->setAdditionalHeaders(std::make_shared<QNHeaders>(token));
-    const auto left = world.session().tasks();
-    // One is tried again from its resume data, one from the start.
-    ASSERT_TRUE(world.session().fail(left[1], -1005, true));
-    ASSERT_TRUE(world.session().fail(left[2], -1005));
+    EXPECT_EQ(launched()->headerOrigins(), QNHeaderOrigins{"http://keys:80"});
+    if (first != std::string("1")) world.downloader->setAdditionalHeaders(token);
+    ASSERT_TRUE(world.session().fail(world.session().tasks()[1], -1005, true));
+    ASSERT_TRUE(world.session().fail(world.session().tasks()[2], -1005));
     world.session().deliverEvents();
-    expectHeaders(1);
+    expectHeaders("tried again ");
     for (const auto& task : world.session().tasks())
       world.session().serve(task, "body");
     world.session().deliverEvents();
     ASSERT_EQ(world.session().tasks().size(), 4U);
-    expectHeaders(5);
+    expectHeaders("next ");
     world.downloader->removeAll();
     world.session().deliverEvents();
     world.kill();
@@ -267,7 +207,7 @@ TEST_F(Relaunch, HeadersGoWhereTheyWentBefore) {
 TEST_F(Relaunch, AForegroundDuringTheLaunchWaitsForTheTasks) {
   world.storeManifest(kMovie);
   leaveTask("http://host/movie/v/2", identity("v", 1, 2));
-  world.sessions.beforeTasksAreAsked(
+  world.sessions.store("test")->beforeTasksAreAsked(
       [] { platform::Application::sharedApplication().enterForeground(); });
   const auto set = launched();
   ASSERT_NE(set, nullptr) << "its task was not taken back";
@@ -287,7 +227,7 @@ TEST_F(Relaunch, MixedTasksAreBroughtInStep) {
   set->resume();  // counts each quality once, whatever its tasks did
   EXPECT_EQ(render(*set), "running selected v:RR. a:R. downloaded completed 0 failed 0");
   set->_checkInvariants();
-  finishEverything();
+  world.followRecipe();
   EXPECT_EQ(world.stored(), "a/1 a/2 v/1 v/2 v/3 ");
 }
 
@@ -317,13 +257,9 @@ TEST_F(Relaunch, AnApplicationThatFollowsTheRecipeEndsWithEverything) {
     leave("w", static_cast<State>(row / 5 % 5), static_cast<Shared>(row / 25));
     before.reset();
     world.launch();
-    const auto application = std::make_shared<RecipeApplication>(world.downloader);
-    const auto set = world.downloader->activateDownloadSetForURL(world.url);
-    set->setDelegate(application);
-    const std::string start = render(*set);
+    const std::string start = render(*world.activate());
     EXPECT_EQ(start.find("C.."), std::string::npos) << "selected for another's file: " << start;
-    application->goOn(set);
-    world.serveAll();
+    const auto set = world.followRecipe();
     EXPECT_EQ(set->numberOfDownloadedQualities(), 2U) << start << " became " << render(*set);
     EXPECT_EQ(set->properties()->numberOfDownloadedQualities(), 2U);
     EXPECT_EQ(world.stored(), "init v/1 v/2 w/1 w/2 ");
@@ -351,8 +287,8 @@ TEST_F(Relaunch, EventsThatWereHeldAreToldAgain) {
   EXPECT_EQ(render(*set), "running selected v:CRR a:RR downloaded completed 0 failed 0");
   world.mainQueue->run();
   EXPECT_EQ(handled, 1);
-  set.reset();
-  finishEverything();
+  EXPECT_EQ(world.followRecipe(), set);
+  EXPECT_EQ(world.stored(), "a/1 a/2 v/1 v/2 v/3 ");
 }
 
 TEST_F(Relaunch, AnUnnamedSessionStartsAnew) {
@@ -441,19 +377,8 @@ TEST_F(Relaunch, AKillAtAnyStepLosesNothing) {
     killed.kill();
     killed.killSwitch->disarm();
     killed.launch();
-    auto set = killed.activate();
+    const auto set = killed.followRecipe();
     ASSERT_NE(set, nullptr);
-    set->_checkInvariants();
-    auto& downloader = *killed.downloader;
-    if (set->status() == QNDownloadStatusRunning) downloader.pause(set);
-    if (set->status() == QNDownloadStatusPaused) downloader.resume(set);
-    for (int round = 0; round < 3; ++round) {
-      killed.serveAll();
-      set->_checkInvariants();
-      ASSERT_EQ(set->status(), QNDownloadStatusIdle) << render(*set);
-      set->selectAllQualities();
-      if (!downloader.download(set)) break;
-    }
     ASSERT_EQ(set->numberOfDownloadedQualities(), 2U) << render(*set);
     for (const char* name : {"v/1", "v/2", "v/3", "a/1", "a/2"})
       ASSERT_EQ(readFile(killed.directory() + "/" + name), DownloaderWorld::bodyOf(name)) << name;

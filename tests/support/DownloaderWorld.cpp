@@ -5,6 +5,23 @@
 #include "engine/QNDownloadRecord.h"
 
 namespace qntest {
+namespace {
+
+class RecipeApplication : public QNMovieDownloadSetDelegate {
+ public:
+  explicit RecipeApplication(QNMovieDownloader& downloader) : downloader_(downloader) {}
+
+  void movieDownloadSetDidChangeStatus(const Set& set, QNDownloadStatus status) override {
+    if (status != QNDownloadStatusIdle) return;
+    set->selectAllQualities();  // those that are neither selected nor downloaded
+    downloader_.download(set);
+  }
+
+ private:
+  QNMovieDownloader& downloader_;
+};
+
+}  // namespace
 
 DownloaderWorld::DownloaderWorld() {
   files.setFast();
@@ -32,6 +49,19 @@ void DownloaderWorld::storeManifest(const std::vector<QualityPlan>& qualities) {
 std::shared_ptr<QNMovieDownloadSet> DownloaderWorld::activate() {
   auto set = downloader->activateDownloadSetForURL(url);
   if (set) set->setDelegate(delegate);
+  return set;
+}
+
+std::shared_ptr<QNMovieDownloadSet> DownloaderWorld::followRecipe() {
+  const auto set = downloader->activateDownloadSetForURL(url);
+  if (!set) return nullptr;
+  const auto application = std::make_shared<RecipeApplication>(*downloader);
+  set->setDelegate(application);
+  if (set->status() == QNDownloadStatusRunning) downloader->pause(set);
+  if (set->status() == QNDownloadStatusPaused) downloader->resume(set);
+  application->movieDownloadSetDidChangeStatus(set, set->status());
+  serveAll();
+  set->_checkInvariants();
   return set;
 }
 

@@ -31,6 +31,9 @@ class DownloaderWorld {
   void storeManifest(const std::vector<QualityPlan>& qualities);
   // The stored download, active, with the delegate.
   std::shared_ptr<QNMovieDownloadSet> activate();
+  // After a launch: does what the documentation tells an application to do, and nothing else, until
+  // nothing moves. The application wants everything. Null: nothing is stored.
+  std::shared_ptr<QNMovieDownloadSet> followRecipe();
   ScriptedSession& session() { return *sessions.session(); }
   std::string directory() const;  // of the download
   std::string stored() const;     // names of the files there, except manifest and properties

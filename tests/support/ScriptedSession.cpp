@@ -31,6 +31,11 @@ bool endsWith(const std::string& text, const std::string& ending) {
 ScriptedStore::ScriptedStore(std::shared_ptr<KillSwitch> killSwitch)
     : killSwitch_(killSwitch ? std::move(killSwitch) : std::make_shared<KillSwitch>()) {}
 
+std::function<void()> ScriptedStore::takeBlock() {
+  std::lock_guard lock(mutex_);
+  return std::exchange(beforeAsked_, nullptr);
+}
+
 std::string ScriptedStore::describe() const {
   std::lock_guard lock(mutex_);
   std::string text;
@@ -109,7 +114,7 @@ void ScriptedSession::recover() {
 
 void ScriptedSession::tellEndOfBackgroundEvents() {
   Lock lock(store_->mutex_);
-  if (!std::exchange(endDue_, false)) tellEventsFinished();
+  if (!endDue_.exchange(false)) tellEventsFinished();
 }
 
 void ScriptedSession::tellEventsFinished() {
@@ -119,10 +124,7 @@ void ScriptedSession::tellEventsFinished() {
                      [this, weak = std::weak_ptr(self)](const auto& delegate) {
                        const auto session = weak.lock();
                        if (!session) return;
-                       {
-                         Lock inner(store_->mutex_);
-                         endDue_ = false;
-                       }
+                       endDue_ = false;
                        delegate->URLSessionDidFinishEventsForBackgroundURLSession(session);
                      },
                      false});
@@ -163,12 +165,7 @@ ScriptedSession::Task ScriptedSession::downloadTaskWithResumeData(
 }
 
 void ScriptedSession::getTasksWithCompletionHandler(std::function<void(const Tasks&)> completion) {
-  std::function<void()> before;
-  {
-    Lock lock(store_->mutex_);
-    before.swap(beforeAsked_);
-  }
-  if (before) before();
+  if (const auto block = store_->takeBlock()) block();
   {
     Lock lock(store_->mutex_);
     if (asked_) {
@@ -522,7 +519,6 @@ ScriptedSessions::ScriptedSessions(std::shared_ptr<KillSwitch> killSwitch) {
   platform::URLSession::setProvider([state = state_](const auto& configuration, auto delegate) {
     auto session =
         ScriptedSession::open(state->store(configuration.identifier), configuration, delegate);
-    session->beforeAsked_ = std::exchange(state->beforeAsked, nullptr);
     std::lock_guard lock(state->mutex);
     state->last = session;
     return session;

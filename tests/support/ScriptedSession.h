@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -48,12 +49,15 @@ class ScriptedStore {
   size_t size() const;
   // A store that cannot be opened throws this reason, as long as there is one.
   void refuse(std::optional<std::string> reason) { refusal_ = std::move(reason); }
+  // Called once, when the session is asked for its tasks the first time, before it answers.
+  void beforeTasksAreAsked(std::function<void()> block) { beforeAsked_ = std::move(block); }
   // From now on the sessions over this store run in another boot of the machine.
   void setBoot(std::string identifier) { boot_ = std::move(identifier); }
 
  private:
   friend class ScriptedSession;
   friend class ScriptedTask;
+  std::function<void()> takeBlock();
 
   mutable std::recursive_mutex mutex_;  // of the store and of the session that holds it
   std::map<uint64_t, ScriptedRecord> durable_;
@@ -64,6 +68,7 @@ class ScriptedStore {
   bool held_ = false;
   std::string boot_ = "boot 1";
   std::optional<std::string> refusal_;
+  std::function<void()> beforeAsked_;
   std::shared_ptr<KillSwitch> killSwitch_;
   TempDirectory directory_;
 };
@@ -118,7 +123,6 @@ class ScriptedSession : public platform::URLSession {
 
  private:
   friend class ScriptedTask;
-  friend class ScriptedSessions;
   using Lock = std::lock_guard<std::recursive_mutex>;
   using Event = std::function<void(const std::shared_ptr<platform::URLSessionDelegate>&)>;
 
@@ -151,8 +155,7 @@ class ScriptedSession : public platform::URLSession {
   std::optional<std::thread::id> deliverer_;
   std::set<uint64_t> changedInside_;  // by calls from inside the event that is being delivered
   bool asked_ = false;
-  std::function<void()> beforeAsked_;
-  bool endDue_ = false;  // of the held events, and nobody has asked for it yet
+  std::atomic<bool> endDue_ = false;  // of the held events, and nobody has asked for it yet
   size_t tasksMade_ = 0;
 };
 
@@ -198,8 +201,6 @@ class ScriptedSessions {
   std::shared_ptr<ScriptedStore> store(const std::string& identifier);
   // The session that was opened last, null when it is gone.
   std::shared_ptr<ScriptedSession> session() const;
-  // Called once, when the next session is asked for its tasks and before it answers.
-  void beforeTasksAreAsked(std::function<void()> block) { state_->beforeAsked = std::move(block); }
 
  private:
   struct State {
@@ -207,7 +208,6 @@ class ScriptedSessions {
     std::map<std::string, std::shared_ptr<ScriptedStore>> stores;
     std::mutex mutex;  // of `last`, which a harness asks for on a thread of its own
     std::weak_ptr<ScriptedSession> last;
-    std::function<void()> beforeAsked;
 
     std::shared_ptr<ScriptedStore> store(const std::string& identifier);
   };
