@@ -4,6 +4,7 @@
 #include <chrono>
 
 #include "cli/Interrupt.h"
+#include "cli/Place.h"
 #include "engine/QNQualityDownloadInfo.h"
 #include "engine/QNResourceDownloadInfo.h"
 
@@ -93,6 +94,15 @@ void DownloadRun::_joinEarlierTasks() {
   downloader_->resume(set_);
 }
 
+bool DownloadRun::_start() {
+  try {
+    return downloader_->download(set_);
+  } catch (const platform::Exception& exception) {
+    if (auto held = failureOfHeld(exception)) throw std::move(*held);
+    throw;
+  }
+}
+
 // Selects and starts what is wanted, neither stored nor failed in this run. False when nothing is
 // left. Idle only.
 bool DownloadRun::_startNext() {
@@ -104,7 +114,7 @@ bool DownloadRun::_startNext() {
   set_->deselectAllQualities();
   for (const auto& quality : next)
     set_->selectQuality(quality);
-  if (!downloader_->download(set_)) {
+  if (!_start()) {
     // Whatever completed earlier is settled by the attempt; what is still missing has nothing to be
     // started.
     for (const auto& quality : next) {

@@ -65,6 +65,7 @@ class DownloadRun {
  private:
   void _joinEarlierTasks();
   bool _startNext();
+  bool _start();
   std::string _waitReason() const;
 
   const std::shared_ptr<QNMovieDownloader> downloader_;

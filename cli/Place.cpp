@@ -127,12 +127,20 @@ std::shared_ptr<QNMovieDownloader> Place::openDownloader(bool useService) const 
   try {
     return QNMovieDownloader::initWithIdentifier(sessionIdentifier, true, false, root, configure);
   } catch (const platform::Exception& exception) {
-    const auto holder = exception.userInfo().find(platform::QNURLSessionHolderKey);
-    if (holder == exception.userInfo().end()) throw Failure(ExitCannotWrite, exception.reason());
-    const auto* who = std::any_cast<std::string>(&holder->second);
-    throw Failure(ExitHeld, "This download is in the hands of " + (who ? *who : "another process") +
-                                " already");
+    if (auto held = failureOfHeld(exception)) throw std::move(*held);
+    throw Failure(ExitCannotWrite, exception.reason());
   }
+}
+
+std::optional<Failure> failureOfHeld(const platform::Exception& exception) {
+  for (const char* key : {platform::QNURLSessionHolderKey, QNDownloadHolderKey}) {
+    const auto holder = exception.userInfo().find(key);
+    if (holder == exception.userInfo().end()) continue;
+    const auto* who = std::any_cast<std::string>(&holder->second);
+    return Failure(ExitHeld, "This download is in the hands of " +
+                                 (who ? *who : "another process") + " already");
+  }
+  return std::nullopt;
 }
 
 }  // namespace cli

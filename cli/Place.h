@@ -4,7 +4,9 @@
 #include <optional>
 #include <string>
 
+#include "cli/Failure.h"
 #include "engine/QNMovieDownloader.h"
+#include "platform/Exception.h"
 
 namespace cli {
 
@@ -48,6 +50,9 @@ struct Place {
   std::string partialDirectory() const;
 };
 
+// For a session or a download that another process has: ExitHeld, and who it is. nullopt for any
+// other exception.
+std::optional<Failure> failureOfHeld(const platform::Exception& exception);
 // Whether the text has the form of a download identifier.
 bool isDownloadId(const std::string& text);
 

@@ -8,6 +8,7 @@
 #include "cli/Failure.h"
 #include "cli/Place.h"
 #include "cli/Record.h"
+#include "engine/QNDownloadHold.h"
 #include "engine/QNMovieDownloadSet.h"
 #include "platform/Exception.h"
 #include "platform/FileManager.h"
@@ -47,11 +48,13 @@ int runRemove(const Options& options) {
     try {
       if (const auto set = url.empty() ? nullptr : downloader->activateDownloadSetForURL(url))
         downloader->remove(set);
+      // A manifest that is no longer usable makes no set.
+      const auto hold = QNDownloadHold::take(place.directory);
+      if (place.exists()) removeDirectory(place);
     } catch (const platform::Exception& exception) {
+      if (auto held = failureOfHeld(exception)) throw std::move(*held);
       throw Failure(ExitCannotWrite, exception.reason());
     }
-    // A manifest that is no longer usable makes no set.
-    if (place.exists()) removeDirectory(place);
   }
   Record::remove(place.recordPath);
   platform::FileManager::defaultManager().removeItem(place.storeDirectory);

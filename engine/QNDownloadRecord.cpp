@@ -107,7 +107,27 @@ std::shared_ptr<QNDownloadRecord> QNDownloadRecord::load(const std::string& dire
   return record;
 }
 
+std::shared_ptr<QNDownloadRecord> QNDownloadRecord::readAgain() const {
+  std::shared_ptr<QNDownloadRecord> record(new QNDownloadRecord(directory_, boot_));
+  record->read();
+  return record;
+}
+
+std::string QNDownloadRecord::stateOnDisk() const {
+  auto& files = FileManager::defaultManager();
+  const auto identity = files.identityOf(path_);
+  const auto size = files.sizeOfFile(path_);
+  if (!identity || !size) return {};
+  return std::to_string(identity->device) + ":" + std::to_string(identity->inode) + ":" +
+         std::to_string(*size);
+}
+
+bool QNDownloadRecord::hasChanged() const {
+  return readAs_.empty() || stateOnDisk() != readAs_;
+}
+
 void QNDownloadRecord::read() {
+  readAs_ = stateOnDisk();
   platform::ErrorPtr error;
   text_ = FileManager::defaultManager().contentsAtPath(path_, kLongestRecord, &error);
   if (!text_) {
@@ -276,6 +296,7 @@ QNDownloadRecord::FlushPoint QNDownloadRecord::flushPoint() {
 
 void QNDownloadRecord::mark(const FlushPoint& point) {
   if (isNewer_ || !point.file) return;
+  if (!file_) file_ = point.file;  // read again since
   // Without it the next launch after a loss of power reads more than it would have to.
   auto error = unwritten_.empty() ? nullptr : write(unwritten_);
   if (!error) {

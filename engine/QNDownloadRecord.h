@@ -40,6 +40,11 @@ class QNDownloadRecord {
   // whole files and flush the file system.
   static std::shared_ptr<QNDownloadRecord> load(const std::string& directory,
                                                 const std::string& bootIdentifier);
+  // The record as it is now, for whoever has settled it in this boot and wants to know what others
+  // stored and removed since: nothing is read but the record, and nothing flushed.
+  std::shared_ptr<QNDownloadRecord> readAgain() const;
+  // False when nobody wrote a line since this was read.
+  bool hasChanged() const;
   ~QNDownloadRecord();
   QNDownloadRecord(const QNDownloadRecord&) = delete;
   QNDownloadRecord& operator=(const QNDownloadRecord&) = delete;
@@ -82,6 +87,7 @@ class QNDownloadRecord {
   class Table;
 
   QNDownloadRecord(const std::string& directory, const std::string& bootIdentifier);
+  std::string stateOnDisk() const;
   void read();
   void readLines(std::string_view text);
   void settle();
@@ -94,6 +100,7 @@ class QNDownloadRecord {
   const std::string path_;
   const std::string boot_;
   platform::ErrorPtr readError_;
+  std::string readAs_;  // which file it was, and how long
   bool isThere_ = false;
   bool isNewer_ = false;
   bool endsInside_ = false;  // of a line, which the next one has to end

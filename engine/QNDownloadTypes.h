@@ -79,6 +79,11 @@ inline constexpr const char* QNQualityErrorsKey = "QNQualityErrors";
 // platform::ErrorPtr, where a fetched manifest could not be stored.
 inline constexpr const char* QNUnderlyingErrorKey = "NSUnderlyingError";
 
+// std::string for a person, in the user info of the exception that a start or a removal throws
+// while another downloader holds the download: "process 4711", "another
+// downloader of this process", "another process".
+inline constexpr const char* QNDownloadHolderKey = "QNDownloadHolder";
+
 namespace platform {
 class Error;
 }

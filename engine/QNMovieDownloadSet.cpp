@@ -174,7 +174,7 @@ bool QNMovieDownloadSet::downloadWithAdditionalHeaders(const QNHeadersPtr& heade
   const auto self = shared_from_this();
   RecursiveLock lock(mutex_);
   if (numActive_ != 0 || removed_) return false;
-  if (numCompleted_ != 0) settle();
+  const Hold hold = _holdToStart();
   if (selectedQualitiesInfo_.empty()) return false;
   mediaMode_.reset();
   const QNHeadersPtr merged = _mergeHeaders(headers);
@@ -184,6 +184,7 @@ bool QNMovieDownloadSet::downloadWithAdditionalHeaders(const QNHeadersPtr& heade
     info->setAdditionalHeaders(merged);
     info->setParallellDownloads(kParallellDownloads);
     if (!info->download()) continue;
+    hold_ = hold;
     ++numActive_;
     ++numRunning_;
   }
@@ -253,6 +254,7 @@ void QNMovieDownloadSet::cancel() {
   assertThat(numActive_ == 0, "Expected active qualities to be zero");
   assertThat(numRunning_ == 0, "Expected running qualities to be zero");
   _checkInvariants();
+  _releaseHoldWhenIdle();
   tellStatus(QNDownloadStatusIdle);
 }
 
@@ -330,6 +332,7 @@ void QNMovieDownloadSet::_resourceCompleteWithError(const Resource& resource,
   } else if (cameToRest) {
     // What is left was selected for its files or its tasks after a relaunch, and never started. It
     // is the application's to start, which has to know that it can.
+    _releaseHoldWhenIdle();
     tellStatus(QNDownloadStatusIdle);
   }
 }
@@ -349,6 +352,7 @@ void QNMovieDownloadSet::_completeWithError(const platform::ErrorPtr& error) {
   assertThat(numActive_ == 0, "Expected active qualities to be zero");
   assertThat(numRunning_ == 0, "Expected running qualities to be zero");
   settle();
+  _releaseHoldWhenIdle();
   tellStatus(QNDownloadStatusIdle);
   tell([&](QNMovieDownloadSetDelegate& delegate, const auto& set) {
     delegate.movieDownloadSetDidCompleteWithError(set, error);
@@ -381,6 +385,8 @@ bool QNMovieDownloadSet::reattachResource(const QNResourceId& id, const Task& ta
   if (id.status() != QNDownloadStatusPaused && id.status() != QNDownloadStatusRunning) return false;
   const QualityInfo info = infoForTask(id, *task);
   if (!info) return false;
+  const auto hold = _holdForTask();
+  if (!hold) return false;
   const bool wasSelected = contains(selectedQualitiesInfo_, info);
   _selectQuality(info);
   const bool wasIdle = info->status() == QNDownloadStatusIdle;
@@ -390,6 +396,7 @@ bool QNMovieDownloadSet::reattachResource(const QNResourceId& id, const Task& ta
     if (!wasSelected) _deselectQuality(info);
     return false;
   }
+  hold_ = *hold;
   if (wasIdle) ++numActive_;
   if (!wasRunning && isRunning(*info)) ++numRunning_;
   (void)_updateExpectedFrom(oldExpected, info->expectedBytes());

@@ -21,6 +21,7 @@
 #include "platform/Mutex.h"
 #include "platform/URLSession.h"
 
+class QNDownloadHold;
 class QNDownloadRecord;
 class QNMovie;
 class QNPlaylist;
@@ -115,6 +116,13 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
   void removeDownloadedQuality(const Quality& quality);
   void removeAllDownloadedQualities();
 
+  // While anything is active the set holds its directory, and the two above hold it while they
+  // remove. They and a start throw "QNMovieDownloaderException" "Download is held by <holder>"
+  // (user info QNDownloadHolderKey) while another downloader does, before anything is changed. With
+  // the hold they look first at what others did: what appeared counts as stored, what vanished is
+  // forgotten; a quality that is whole by that moves to the downloaded ones, one that no longer is
+  // leaves them.
+  //
   // False when something is active already, or nothing was there to be started. What failed before
   // is tried again, with all its attempts. The set's headers win over the call's. Asserts
   // "Controller is required to be non-null": the downloader is gone.
@@ -124,7 +132,7 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
   void resume();
   void cancel();
 
-  // From the controller.
+  // From the controller. A task is not taken while another downloader holds the download.
   [[nodiscard]] bool reattachResource(const QNResourceId& id, const Task& task);
   void resourceCompleteWithError(const Resource& resource, const platform::ErrorPtr& error);
   void resourceBytesDownloadedAndExpected(const Resource& resource, int64_t downloaded,
@@ -194,11 +202,21 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
   void openRecord(std::shared_ptr<QNDownloadRecord> record,
                   const std::shared_ptr<QNSessionController>& controller) REQUIRES(mutex_);
   void pickUpStoredFiles() REQUIRES(mutex_);
-  size_t pickUpQuality(const QualityInfo& info,
-                       const std::unordered_map<std::string, int64_t>& sizes) REQUIRES(mutex_);
+  using Sizes = std::unordered_map<std::string, int64_t>;
+  Sizes _sizesOfFiles(int64_t* total = nullptr) const REQUIRES(mutex_);
+  size_t pickUpQuality(const QualityInfo& info, const Sizes& sizes) REQUIRES(mutex_);
   [[nodiscard]] platform::ErrorPtr makeRecord() REQUIRES(mutex_);
   void scheduleFlush() REQUIRES(mutex_);
   void loseFile(const Resource& resource, const platform::ErrorPtr& error) REQUIRES(mutex_);
+  using Hold = std::shared_ptr<const QNDownloadHold>;
+  Hold _takeHold() REQUIRES(mutex_);
+  void _useHold(const Hold& hold) REQUIRES(mutex_);
+  Hold _holdToStart() REQUIRES(mutex_);
+  Hold _holdToChange(bool isStart = false) REQUIRES(mutex_);
+  std::optional<Hold> _holdForTask() REQUIRES(mutex_);
+  void _releaseHoldWhenIdle() REQUIRES(mutex_);
+  void _lookAgain() REQUIRES(mutex_);
+  void _lookAgainAt(const QualityInfo& info, const Sizes& sizes) REQUIRES(mutex_);
 
   QualityInfo requiredInfo(const Quality& quality) const REQUIRES(mutex_);
   size_t& countOfType(const QualityInfo& info) REQUIRES(mutex_);
@@ -243,6 +261,12 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
   // directory.
   void setRemoved(bool removed);
   bool isRemoved() const;
+  // The hold on the directory, its own where there is one; null when there is nothing to hold, or
+  // the set was removed. Throws when another downloader has it.
+  Hold takeHold();
+  Hold currentHold() const;        // its own only
+  void useHold(const Hold& hold);  // one that the downloader took, as long as that keeps it
+  void dropHold();
   // Why the finished file of this resource cannot be stored, null when it can: then its line is in
   // the record, and the file is to be moved to its place next, unless a resource of another quality
   // that is the same has put it there already (`isThere`).
@@ -267,6 +291,7 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
   const std::string sourceURL_;
   const std::string baseURL_;
   const std::string downloadId_;
+  const std::string holderName_;
   std::shared_ptr<QNMutableMovieDownloadProperties> properties_;
   std::vector<QualityInfo> qualities_;  // every quality, in the order of the movie
   std::unordered_map<Quality, QualityInfo> qualityInfoMap_;
@@ -297,6 +322,11 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
   int64_t downloadedBytes_ GUARDED_BY(mutex_) = 0;
   uint64_t starts_ GUARDED_BY(mutex_) = 0;  // tells a callback that started the set again
   bool removed_ GUARDED_BY(mutex_) = false;
+  Hold hold_ GUARDED_BY(mutex_);                                     // while anything is active
+  std::weak_ptr<const QNDownloadHold> lastHold_ GUARDED_BY(mutex_);  // whoever keeps it
+  bool lookDue_ GUARDED_BY(mutex_) = false;  // another had the directory since the last look
+  bool othersUnflushed_ GUARDED_BY(mutex_) =
+      false;  // and what it found was not brought to the disk
   QNHeadersPtr additionalHeaders_ GUARDED_BY(mutex_);
   QNHeadersPtr foundHeaders_ GUARDED_BY(mutex_);  // of tasks that an earlier launch made
   std::optional<QNHeaderOrigins> headerOrigins_ GUARDED_BY(mutex_);

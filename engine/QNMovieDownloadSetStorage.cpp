@@ -11,6 +11,7 @@
 #include "engine/QNQualityDownloadInfo.h"
 #include "engine/QNResourceDownloadInfo.h"
 #include "engine/QNStoredPlaces.h"
+#include "engine/QNUniqueString.h"
 #include "platform/BootIdentifier.h"
 #include "platform/DispatchQueue.h"
 #include "platform/Exception.h"
@@ -91,7 +92,8 @@ QNMovieDownloadSet::QNMovieDownloadSet(std::shared_ptr<QNPlaylist> playlist,
       downloadPath_(downloadPath),
       sourceURL_(sourceURL),
       baseURL_(directoryOfURL(sourceURL)),
-      downloadId_(downloadId) {}
+      downloadId_(downloadId),
+      holderName_(QNUniqueString()) {}
 
 QNMovieDownloadSet::~QNMovieDownloadSet() = default;
 
@@ -151,12 +153,7 @@ void QNMovieDownloadSet::openRecord(std::shared_ptr<QNDownloadRecord> record,
 
 // One walk over the directory, whatever is listed: no look at a file that is not there.
 void QNMovieDownloadSet::pickUpStoredFiles() {
-  std::unordered_map<std::string, int64_t> sizes;
-  for (auto& file : FileManager::defaultManager().filesBelow(downloadPath_)) {
-    if (file.path == QNDownloadRecordFileName) continue;
-    downloadedBytes_ += file.size;
-    if (file.size > 0) sizes.emplace(places_->keyOf(file.path), file.size);
-  }
+  const auto sizes = _sizesOfFiles(&downloadedBytes_);
   size_t found = 0;
   if (!sizes.empty()) {
     for (const QualityInfo& info : qualities_)
@@ -170,8 +167,18 @@ void QNMovieDownloadSet::pickUpStoredFiles() {
   }
 }
 
-size_t QNMovieDownloadSet::pickUpQuality(const QualityInfo& info,
-                                         const std::unordered_map<std::string, int64_t>& sizes) {
+// By the keys of their places; a file of 0 bytes counts as absent.
+QNMovieDownloadSet::Sizes QNMovieDownloadSet::_sizesOfFiles(int64_t* total) const {
+  Sizes sizes;
+  for (auto& file : FileManager::defaultManager().filesBelow(downloadPath_)) {
+    if (file.path == QNDownloadRecordFileName) continue;
+    if (total) *total += file.size;
+    if (file.size > 0) sizes.emplace(places_->keyOf(file.path), file.size);
+  }
+  return sizes;
+}
+
+size_t QNMovieDownloadSet::pickUpQuality(const QualityInfo& info, const Sizes& sizes) {
   size_t found = 0;
   bool hasOwn = false;
   for (const Resource& resource : info->resources()) {
@@ -240,6 +247,7 @@ void QNMovieDownloadSet::removeDownloadedQuality(const Quality& quality) {
   RecursiveLock lock(mutex_);
   if (numActive_ != 0) misuse("Can't remove quality in non-idle state");
   const QualityInfo info = requiredInfo(quality);
+  const Hold hold = _holdToChange();
   std::vector<QualityInfo> others = downloadedQualitiesInfo_;
   others.insert(others.end(), selectedQualitiesInfo_.begin(), selectedQualitiesInfo_.end());
   others.erase(std::remove(others.begin(), others.end(), info), others.end());
@@ -252,6 +260,7 @@ void QNMovieDownloadSet::removeDownloadedQuality(const Quality& quality) {
 void QNMovieDownloadSet::removeAllDownloadedQualities() {
   RecursiveLock lock(mutex_);
   if (numActive_ != 0) misuse("Can't remove qualities in non-idle state");
+  const Hold hold = _holdToChange();
   bool removed = true;
   for (const QualityInfo& info : qualities_)
     removed = _removeDownloadedQuality(info, {}) && removed;
@@ -390,7 +399,7 @@ void QNMovieDownloadSet::flushStoredFiles() {
   QNDownloadRecord::FlushPoint point;
   {
     RecursiveLock lock(mutex_);
-    if (unflushed_.empty() || removed_) return;
+    if ((unflushed_.empty() && !std::exchange(othersUnflushed_, false)) || removed_) return;
     covered.swap(unflushed_);
     point = record_->flushPoint();
   }

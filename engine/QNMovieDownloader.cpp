@@ -2,19 +2,15 @@
 
 #include <algorithm>
 #include <any>
-#include <atomic>
 #include <cerrno>
-#include <chrono>
-#include <random>
 #include <string_view>
 #include <utility>
-
-#include <unistd.h>
 
 #include "engine/QNDownloadRecord.h"
 #include "engine/QNEngineLog.h"
 #include "engine/QNHash.h"
 #include "engine/QNMovieDownloadSet.h"
+#include "engine/QNUniqueString.h"
 #include "platform/Exception.h"
 #include "platform/FileManager.h"
 #include "platform/Log.h"
@@ -37,16 +33,6 @@ constexpr const char* kSharedIdentifier = "QNMovieDownloader/SharedSession";
 constexpr const char* kManifestName = "manifest.mpd";
 constexpr int64_t kSniffedBytes = 1024;
 constexpr int kNoticeLogLevel = 8;
-
-// Unique among the processes of this machine and their downloaders.
-std::string globallyUniqueString() {
-  static std::atomic<uint64_t> counter{0};
-  const auto now = std::chrono::system_clock::now().time_since_epoch().count();
-  std::random_device random;
-  const uint64_t dice = (uint64_t{random()} << 32) | random();
-  return QNHexDigits(static_cast<uint64_t>(now)) + "-" + QNHexDigits(dice) + "-" +
-         std::to_string(getpid()) + "-" + std::to_string(++counter);
-}
 
 std::string lowerCase(std::string text) {
   for (char& c : text) {
@@ -242,11 +228,14 @@ QNMovieDownloader::QNMovieDownloader(bool cellularAccess, bool discretionaryMode
 QNMovieDownloader::~QNMovieDownloader() {
   for (const auto observer : observers_)
     platform::NotificationCenter::defaultCenter().removeObserver(observer);
+  // An application may still hold sets, which transfer nothing any more.
+  for (const auto& [downloadId, set] : downloadIdSetMap_)
+    set->dropHold();
 }
 
 platform::URLSessionConfiguration QNMovieDownloader::configuration(
     const std::optional<std::string>& identifier, const ConfigureSession& configure) const {
-  const std::string name = identifier ? *identifier : kIdentifierPrefix + globallyUniqueString();
+  const std::string name = identifier ? *identifier : kIdentifierPrefix + QNUniqueString();
   auto configuration =
       platform::URLSessionConfiguration::backgroundSessionConfigurationWithIdentifier(name);
   configuration.ephemeral = !identifier;

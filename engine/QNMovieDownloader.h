@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -17,10 +18,12 @@
 #include "platform/Data.h"
 #include "platform/Error.h"
 #include "platform/Export.h"
+#include "platform/FileManager.h"
 #include "platform/Mutex.h"
 #include "platform/NotificationCenter.h"
 #include "platform/URLSession.h"
 
+class QNDownloadHold;
 class QNDownloadRecord;
 class QNMovieDownloadSet;
 class QNPlaylist;
@@ -120,11 +123,14 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
                              const platform::DataPtr& manifest, platform::ErrorPtr* error);
 
   // Each throws "DownloadSet is not owned by this instance" when no active set has the set's
-  // identifier. `pause` and `resume` tell whether the set is in that state afterwards, `download`
-  // and `cancel` whether they acted. `remove` takes a set of the same identifier below another
-  // download path for one that is not owned, and throws "Failed to remove files for DownloadSet"
-  // (user info "NSError"). They run inside a background task of the platform; `pause`, `resume` and
-  // `cancel` end it only when they act, and leave it to expire otherwise.
+  // identifier. `download` and `remove` throw "Download is held by <holder>" (user info
+  // QNDownloadHolderKey) while another downloader works on the download, before anything is
+  // changed: with another session in this process, or in another one. `pause` and `resume` tell
+  // whether the set is in that state afterwards, `download` and `cancel` whether they acted.
+  // `remove` takes a set of the same identifier below another download path for one that is not
+  // owned, and throws "Failed to remove files for DownloadSet" (user info "NSError"). They run
+  // inside a background task of the platform; `pause`, `resume` and `cancel` end it only when they
+  // act, and leave it to expire otherwise.
   bool download(const Set& set);
   bool pause(const Set& set);
   bool resume(const Set& set);
@@ -135,7 +141,9 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
   void cancelAll();
   // Also downloads that are not active: the whole download path. One that is a mount point or a
   // link stays, empty. Throws "Failed to remove all downloader files" (user info "NSError", the
-  // first of the failures); sets whose directories are gone are no longer active then.
+  // first of the failures); sets whose directories are gone are no longer active then. While
+  // another downloader holds one of the downloads it throws like `remove`, before anything is
+  // cancelled or removed.
   void removeAll();
 
   // For the application's launch by the transfer service: the handler is called on the main queue
@@ -175,6 +183,11 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
   using Task = std::shared_ptr<platform::URLSessionDownloadTask>;
   using Record = std::shared_ptr<QNDownloadRecord>;
   using Records = std::map<std::string, Record>;  // by the manifest URL
+  using Hold = std::shared_ptr<const QNDownloadHold>;
+  struct OwnHolds {
+    std::vector<Hold> holds;
+    std::set<platform::FileManager::Identity> directories;
+  };
 
   QNMovieDownloader(bool cellularAccess, bool discretionaryMode, std::string downloadPath);
   platform::URLSessionConfiguration configuration(const std::optional<std::string>& identifier,
@@ -209,7 +222,8 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
   void _resume(const Set& set) REQUIRES(mutex_);
   void _cancel(const Set& set) REQUIRES(mutex_);
   void _remove(const Set& set) REQUIRES(mutex_);
-  platform::ErrorPtr _removeRoot() REQUIRES(mutex_);
+  OwnHolds _holdsForRemoval() const REQUIRES(mutex_);
+  platform::ErrorPtr _removeRoot(const OwnHolds& own) REQUIRES(mutex_);
   void finishRemovals();
   void _pauseAll() REQUIRES(mutex_);
   void _resumeAll() REQUIRES(mutex_);
@@ -218,8 +232,11 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
   bool isBeingRemoved(const std::string& downloadId) const REQUIRES(mutex_);
 
   void _reattachTasks(const platform::URLSession::Tasks& tasks);
-  Records recordsOf(const platform::URLSession::Tasks& tasks) const;
-  void reattachTask(const Task& task, Records& records) REQUIRES(mutex_);
+  struct FoundTask;
+  using Holds = std::map<std::string, Hold>;  // by the download's identifier
+  Holds holdsForTasks(const std::vector<FoundTask>& tasks) const;
+  Records recordsOf(const std::vector<FoundTask>& tasks) const;
+  void reattachTask(const FoundTask& task, const Holds& holds, Records& records) REQUIRES(mutex_);
   void refreshTasks(const platform::URLSession::Tasks& tasks);
   bool isRunningTask(const Task& task) const REQUIRES(mutex_);
   bool suspendForRefresh(const Task& task);

@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include "engine/QNDownloadHold.h"
 #include "engine/QNMovieDownloadSet.h"
 #include "engine/QNMovieDownloader.h"
 #include "engine/QNResourceDownloadInfo.h"
@@ -73,6 +74,18 @@ std::string nameOf(const std::string& path) {
   const size_t end = path.find_last_not_of('/');
   if (end == std::string::npos) return {};
   return path.substr(path.rfind('/', end) + 1, end - path.rfind('/', end));
+}
+
+bool isDownload(const FileManager::Entry& entry, const std::string& path) {
+  return entry.isDirectory && entry.name != kRemovedDirectory &&
+         FileManager::defaultManager().fileExistsAtPath(
+             FileManager::pathByAppending(path, QNMoviePropertiesFileName));
+}
+
+// Anything that is stored may be a download, also one that lost its properties.
+QNDownloadHold::Attempt holdOf(const FileManager::Entry& entry, const std::string& path) {
+  const bool isStored = entry.isDirectory && entry.name != kRemovedDirectory;
+  return isStored ? QNDownloadHold::attempt(path) : QNDownloadHold::Attempt();
 }
 
 // A name that no earlier removal used, also of a process that was killed in it.
@@ -172,6 +185,7 @@ bool QNMovieDownloader::remove(const Set& set) {
   // delegate may drop the caller's.
   const Sets sets = {set, activeSet(set->downloadId())};
   if (sets.back()->downloadPath() != set->downloadPath()) refuseSet();
+  const Hold hold = sets.back()->takeHold();
   for (const Set& one : sets)
     one->setRemoved(true);
   for (const Set& one : sets) {
@@ -254,13 +268,14 @@ void QNMovieDownloader::removeAll() {
   const ScopedBackgroundTask task("QNMovieDownloader: Remove all");
   // What a delegate finds stored meanwhile is on its way out.
   const ScopedValue<bool> removing(removingAll_, true);
+  const OwnHolds own = _holdsForRemoval();
   const Sets sets = setsInMap();
   for (const Set& set : sets)
     set->setRemoved(true);
   for (const Set& set : sets) {
     if (set->status() != QNDownloadStatusIdle) _cancel(set);
   }
-  auto error = _removeRoot();
+  auto error = _removeRoot(own);
   // What is gone is gone for good, whatever resisted; the rest goes on as it was.
   for (const Set& set : sets) {
     const bool isLeft =
@@ -275,9 +290,32 @@ void QNMovieDownloader::removeAll() {
   downloadIdSetMap_.clear();
 }
 
+// What its own sets hold goes; somebody else's download is a reason to leave all alone.
+QNMovieDownloader::OwnHolds QNMovieDownloader::_holdsForRemoval() const {
+  auto& files = FileManager::defaultManager();
+  OwnHolds own;
+  for (const Set& set : setsInMap()) {
+    auto hold = set->currentHold();
+    const auto directory = hold ? files.identityOf(set->downloadPath()) : std::nullopt;
+    if (!directory) continue;
+    own.holds.push_back(std::move(hold));
+    own.directories.insert(*directory);
+  }
+  const std::string root = downloadPath();
+  for (const auto& entry :
+       files.contentsOfDirectory(root).value_or(std::vector<FileManager::Entry>())) {
+    const std::string path = FileManager::pathByAppending(root, entry.name);
+    const auto directory = files.identityOf(path);
+    if (directory && own.directories.contains(*directory)) continue;
+    const auto hold = holdOf(entry, path);
+    if (!hold.holder.empty()) QNDownloadHold::refuse(path, hold.holder);
+  }
+  return own;
+}
+
 // The downloads first, each in one step, so that a kill leaves whole ones only. A root that is a
 // mount point, or a link to a directory, stays where somebody put it.
-platform::ErrorPtr QNMovieDownloader::_removeRoot() {
+platform::ErrorPtr QNMovieDownloader::_removeRoot(const OwnHolds& own) {
   auto& files = FileManager::defaultManager();
   const std::string root = downloadPath();
   if (!files.fileExistsAtPath(root)) return nullptr;
@@ -289,14 +327,21 @@ platform::ErrorPtr QNMovieDownloader::_removeRoot() {
   const auto entries = [&] {
     return files.contentsOfDirectory(root).value_or(std::vector<FileManager::Entry>());
   };
-  for (const auto& entry : entries()) {
-    const std::string path = FileManager::pathByAppending(root, entry.name);
-    if (entry.isDirectory && entry.name != kRemovedDirectory &&
-        files.fileExistsAtPath(FileManager::pathByAppending(path, QNMoviePropertiesFileName)))
-      note(removeDownload(root, path));
+  for (const bool isForDownloads : {true, false}) {
+    for (const auto& entry : entries()) {
+      const std::string path = FileManager::pathByAppending(root, entry.name);
+      if (isForDownloads && !isDownload(entry, path)) continue;
+      // Each by itself: a root may hold more downloads than a process may open.
+      const auto directory = files.identityOf(path);
+      const bool isOwn = directory && own.directories.contains(*directory);
+      const auto hold = isOwn ? QNDownloadHold::Attempt() : holdOf(entry, path);
+      if (!hold.holder.empty()) {
+        note(platform::Error::errorWithErrno(EBUSY, "Cannot remove", path));
+      } else {
+        note(isForDownloads ? removeDownload(root, path) : files.removeItem(path));
+      }
+    }
   }
-  for (const auto& entry : entries())
-    note(files.removeItem(FileManager::pathByAppending(root, entry.name)));
   if (resisted) return resisted;
   if (files.isSymbolicLink(root)) {
     // One that cannot be read was not emptied.

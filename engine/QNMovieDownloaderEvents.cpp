@@ -1,7 +1,9 @@
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <utility>
 
+#include "engine/QNDownloadHold.h"
 #include "engine/QNDownloadRecord.h"
 #include "engine/QNEngineLog.h"
 #include "engine/QNMovieDownloadSet.h"
@@ -24,6 +26,8 @@ namespace {
 
 constexpr int kOK = 200;
 constexpr int kPartialContent = 206;
+// A process that was killed gives its session up some time before its downloads.
+constexpr auto kDyingHolder = std::chrono::seconds(1);
 
 // Runs one session event. Nothing ends the process here: a broken promise of the engine, a delegate
 // that is not there any more, a full memory are logged, and the next event comes.
@@ -69,6 +73,11 @@ std::string parentOf(const std::string& path) {
 }
 
 }  // namespace
+
+struct QNMovieDownloader::FoundTask {
+  Task task;
+  std::shared_ptr<const QNResourceId> id;  // null without a description
+};
 
 // The table of tasks. Called by resources, under the lock that their set shares with this object.
 
@@ -237,40 +246,68 @@ void QNMovieDownloader::completeStoredResource(const Resource& resource, const T
 
 void QNMovieDownloader::_reattachTasks(const platform::URLSession::Tasks& tasks) {
   const auto self = shared_from_this();
-  Records records = recordsOf(tasks);
+  std::vector<FoundTask> found;
+  for (const Task& task : tasks) {
+    const auto description = task->taskDescription();
+    found.push_back(
+        {task, description ? QNResourceId::resourceIdWithJSONString(*description) : nullptr});
+  }
+  Holds holds;
+  Records records;
+  handleEvent("reattach", [&] {
+    holds = holdsForTasks(found);
+    records = recordsOf(found);
+  });
   RecursiveLock lock(mutex_);
-  for (const Task& task : tasks)
-    handleEvent("reattach", [&]() NO_THREAD_SAFETY_ANALYSIS { reattachTask(task, records); });
+  for (const FoundTask& task : found) {
+    handleEvent("reattach",
+                [&]() NO_THREAD_SAFETY_ANALYSIS { reattachTask(task, holds, records); });
+  }
   reattached_ = true;
   if (refreshDue_) handleEnterForeground();
 }
 
-QNMovieDownloader::Records QNMovieDownloader::recordsOf(
-    const platform::URLSession::Tasks& tasks) const {
+// What the tasks write to is held before anything in it is looked at, by the identifiers of the
+// downloads. Without the lock, since who held it may be about to go.
+QNMovieDownloader::Holds QNMovieDownloader::holdsForTasks(
+    const std::vector<FoundTask>& tasks) const {
+  const auto deadline = QNDownloadHold::Clock::now() + kDyingHolder;
+  std::set<std::string> seen;
+  Holds holds;
+  for (const FoundTask& task : tasks) {
+    const auto url = task.id ? task.id->manifestURL() : std::nullopt;
+    if (!url || !seen.insert(*url).second) continue;
+    const std::string downloadId = downloadIdWithURL(*url);
+    auto& hold = holds[downloadId];
+    if (!hold) hold = QNDownloadHold::attemptUntil(directoryOf(downloadId), deadline).hold;
+  }
+  return holds;
+}
+
+QNMovieDownloader::Records QNMovieDownloader::recordsOf(const std::vector<FoundTask>& tasks) const {
   Records records;
-  for (const Task& task : tasks) {
-    const auto description = task->taskDescription();
-    if (!description) continue;
-    const auto url = QNResourceId::resourceIdWithJSONString(*description)->manifestURL();
+  for (const FoundTask& task : tasks) {
+    const auto url = task.id ? task.id->manifestURL() : std::nullopt;
     if (url && !records.contains(*url)) records.emplace(*url, recordOf(downloadIdWithURL(*url)));
   }
   return records;
 }
 
 // A task that no resource takes ends here: its bytes belong nowhere.
-void QNMovieDownloader::reattachTask(const Task& task, Records& records) {
-  const auto description = task->taskDescription();
-  if (!description) {
+void QNMovieDownloader::reattachTask(const FoundTask& found, const Holds& holds, Records& records) {
+  const auto& [task, id] = found;
+  if (!id) {
     task->cancel();
     return;
   }
   bool taken = false;
-  handleEvent("reattach", [&]() NO_THREAD_SAFETY_ANALYSIS {
-    const auto id = QNResourceId::resourceIdWithJSONString(*description);
+  handleEvent("reattach", [&, &task = task, &id = id]() NO_THREAD_SAFETY_ANALYSIS {
     if (!id->manifestURL()) return;
     // For the first task of a download; the others find the set.
     const Record record = std::move(records[*id->manifestURL()]);
     const Set set = activate(*id->manifestURL(), record);
+    const auto hold = set ? holds.find(set->downloadId()) : holds.end();
+    if (hold != holds.end() && hold->second && !set->currentHold()) set->useHold(hold->second);
     taken = set && set->reattachResource(*id, task);
   });
   if (taken || tasks_.contains(task)) return;

@@ -1,7 +1,6 @@
 #include "platform/transfer/StoreLock.h"
 
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -9,7 +8,6 @@
 #include <thread>
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -22,46 +20,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr auto kPause = std::chrono::milliseconds(20);
-
-// What a forked child has to close. flock belongs to the open file, which the child shares: it
-// would hold the store for as long as it lives. Slots, because the child may only do what a signal
-// handler may; a lock beyond them is merely not closed early.
-constexpr int kFree = -1;
-constexpr int kTaken = -2;
-std::array<std::atomic<int>, 256> heldLocks;
-
-void closeInChild() {
-  for (auto& slot : heldLocks) {
-    const int fd = slot.exchange(kFree);
-    if (fd >= 0) ::close(fd);
-  }
-}
-
-void watchForks() {
-  static const bool done = [] {
-    for (auto& slot : heldLocks)
-      slot.store(kFree);
-    pthread_atfork(nullptr, nullptr, &closeInChild);
-    return true;
-  }();
-  static_cast<void>(done);
-}
-
-void remember(int fd) {
-  for (auto& slot : heldLocks) {
-    int expected = kFree;
-    if (!slot.compare_exchange_strong(expected, kTaken)) continue;
-    slot.store(fd);
-    return;
-  }
-}
-
-void forget(int fd) {
-  for (auto& slot : heldLocks) {
-    int expected = fd;
-    if (slot.compare_exchange_strong(expected, kFree)) return;
-  }
-}
 
 [[noreturn]] void refuse(const std::string& reason) {
   throw Exception("NSURLSessionException", reason);
@@ -88,15 +46,14 @@ void writeHolder(int fd) {
 }  // namespace
 
 StoreLock::StoreLock(const std::string& directory, const std::string& identifier, int waitMs) {
-  watchForks();
   const std::string path = directory + "/lock";
   FileDescriptor fd(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!fd) refuse("The lock " + path + " cannot be opened: " + std::strerror(errno));
 
   const auto deadline = Clock::now() + std::chrono::milliseconds(waitMs);
-  while (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
-    if (errno == EINTR) continue;
-    if (errno != EWOULDBLOCK) refuse("The lock " + path + " failed: " + std::strerror(errno));
+  const int file = fd.get();
+  while (const int failed = FileLock::take(fd, lock_)) {
+    if (failed != EWOULDBLOCK) refuse("The lock " + path + " failed: " + std::strerror(failed));
     if (Clock::now() >= deadline) {
       const std::string holder = holderOf(fd.get());
       throw Exception("NSURLSessionException",
@@ -105,22 +62,13 @@ StoreLock::StoreLock(const std::string& directory, const std::string& identifier
     }
     std::this_thread::sleep_for(kPause);
   }
-  writeHolder(fd.get());
-  fd_ = fd.release();
-  remember(fd_);
+  writeHolder(file);
 }
 
 std::optional<pid_t> StoreLock::holder(const std::string& directory) {
   const FileDescriptor fd(::open((directory + "/lock").c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
   if (!fd || ::flock(fd.get(), LOCK_SH | LOCK_NB) == 0 || errno != EWOULDBLOCK) return std::nullopt;
   return readHolder(fd.get());
-}
-
-StoreLock::~StoreLock() {
-  forget(fd_);
-  // A child that was forked this instant has the file, too, and may not have closed it yet.
-  ::flock(fd_, LOCK_UN);
-  ::close(fd_);
 }
 
 }  // namespace platform

@@ -1,22 +1,23 @@
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 
 #include <sys/types.h>
 
+#include "platform/FileLock.h"
+
 namespace platform {
 
 // The claim of one session object on a store directory: flock on the file "lock" in it, which holds
-// the holder's process id. Closed on exec, and given up by a forked child, so that the claim ends
-// with this process.
+// the holder's process id.
 class StoreLock {
  public:
   // Waits for at most `waitMs` for another holder to go. Throws platform::Exception
   // "NSURLSessionException" that names holder and identifier when it does not, or the file when it
   // cannot be made.
   StoreLock(const std::string& directory, const std::string& identifier, int waitMs);
-  ~StoreLock();
   // The process that holds the lock of a directory (0 when it does not say), nullopt when none
   // does.
   static std::optional<pid_t> holder(const std::string& directory);
@@ -25,7 +26,7 @@ class StoreLock {
   StoreLock& operator=(const StoreLock&) = delete;
 
  private:
-  int fd_ = -1;
+  std::unique_ptr<FileLock> lock_;
 };
 
 }  // namespace platform

@@ -1,0 +1,6 @@
+#pragma once
+
+#include <string>
+
+// A text that no other call gives: among the processes of this machine, their launches and threads.
+std::string QNUniqueString();
