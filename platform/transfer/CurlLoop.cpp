@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "platform/Log.h"
 #include "platform/transfer/TransferClock.h"
 
 namespace platform {
@@ -181,19 +182,31 @@ void CurlLoop::run(int64_t timeoutMs) {
   collectDone();
 }
 
+// Nothing may be thrown through libcurl, and an error would end all transfers for good. A socket
+// that is not watched stalls its own, which is then tried again.
 int CurlLoop::socketChanged(CURL*, int fd, int what, void* selfPointer, void*) {
   auto* const self = static_cast<CurlLoop*>(selfPointer);
-  if (what == CURL_POLL_REMOVE) {
-    self->unwatch(fd);
-  } else {
-    self->watch(fd, epollEvents(what));
+  try {
+    if (what == CURL_POLL_REMOVE) {
+      self->unwatch(fd);
+    } else {
+      self->watch(fd, epollEvents(what));
+    }
+  } catch (...) {
+    logError("A socket is not watched: " + describeCurrentException());
   }
   return 0;
 }
 
 int CurlLoop::openSocket(void* selfPointer, int, curl_sockaddr* address) {
   const int fd = ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
-  if (fd >= 0) static_cast<CurlLoop*>(selfPointer)->opened_[fd] = 0;
+  if (fd < 0) return CURL_SOCKET_BAD;
+  try {
+    static_cast<CurlLoop*>(selfPointer)->opened_[fd] = 0;
+  } catch (...) {
+    ::close(fd);
+    return CURL_SOCKET_BAD;
+  }
   return fd;
 }
 

@@ -1,9 +1,12 @@
 #include "platform/transfer/DataFetcher.h"
 
 #include <algorithm>
+#include <chrono>
+#include <thread>
 #include <utility>
 #include <vector>
 
+#include "platform/DispatchQueue.h"
 #include "platform/Log.h"
 #include "platform/Mutex.h"
 #include "platform/transfer/CurlLoop.h"
@@ -16,6 +19,9 @@
 
 namespace platform {
 namespace {
+
+constexpr auto kFailurePause = std::chrono::milliseconds(100);  // after a round that threw
+constexpr auto kNextThread = std::chrono::seconds(1);
 
 // One fetch. Reached by the fetching thread alone once it was started.
 class Fetch final : public HttpExchange::Observer {
@@ -124,11 +130,8 @@ class DataFetcher::Core {
     {
       MutexLock lock(mutex_);
       commands_.push_back(std::move(command));
-      if (!started_) {
-        startThread("qn-fetch", [this] { run(); }).detach();
-        started_ = true;
-      }
     }
+    ensureThread();
     loop_.wake();
   }
 
@@ -138,14 +141,36 @@ class DataFetcher::Core {
   }
 
  private:
+  // Without one to be had now, a little later.
+  void ensureThread() {
+    MutexLock lock(mutex_);
+    if (started_) return;
+    try {
+      startThread("qn-fetch", [this] { run(); }).detach();
+      started_ = true;
+    } catch (...) {
+      logError("Fetches wait: " + describeCurrentException());
+      DispatchQueue::mainQueue()->after(kNextThread, [this] { ensureThread(); });
+    }
+  }
+
   void run() {
     for (;;) {
-      runCommands();
-      checkDeadlines();
-      tellDone();
-      loop_.run(TransferClock::systemClock().millisecondsUntil(nextDeadline()));
-      tellDone();
+      try {
+        runRound();
+      } catch (...) {
+        logError("Fetches: " + describeCurrentException());
+        std::this_thread::sleep_for(kFailurePause);
+      }
     }
+  }
+
+  void runRound() {
+    runCommands();
+    checkDeadlines();
+    tellDone();
+    loop_.run(TransferClock::systemClock().millisecondsUntil(nextDeadline()));
+    tellDone();
   }
 
   void runCommands() {
@@ -154,8 +179,13 @@ class DataFetcher::Core {
       MutexLock lock(mutex_);
       commands.swap(commands_);
     }
-    for (const auto& command : commands)
-      command();
+    for (const auto& command : commands) {
+      try {
+        command();
+      } catch (...) {
+        logError("Fetches: " + describeCurrentException());
+      }
+    }
   }
 
   void checkDeadlines() {

@@ -6,6 +6,7 @@
 #include <deque>
 #include <utility>
 
+#include "platform/Log.h"
 #include "platform/Mutex.h"
 #include "platform/transfer/ThreadSetup.h"
 
@@ -23,6 +24,7 @@ struct FileFlusher::State {
   std::vector<Flushed> flushed GUARDED_BY(mutex);
   std::function<void()> done GUARDED_BY(mutex);
   bool started GUARDED_BY(mutex) = false;
+  bool toldWhy GUARDED_BY(mutex) = false;  // it could not be
   bool busy GUARDED_BY(mutex) = false;
   PartialName current GUARDED_BY(mutex);  // while busy
   bool stop GUARDED_BY(mutex) = false;
@@ -46,17 +48,25 @@ struct FileFlusher::State {
   void run() {
     Request request;
     while (next(request)) {
-      request.what.error = PartialFiles::flush(request.fd.get());
-      request.fd.reset();
-      MutexLock lock(mutex);
-      if (stop) continue;
-      if (request.what.error != 0) {
-        std::erase_if(requests, [&](const Request& r) { return r.what.file == request.what.file; });
+      try {
+        serve(request);
+      } catch (...) {
+        logError("A flush was lost: " + describeCurrentException());
       }
-      flushed.push_back(request.what);
-      // Under the lock, so that it is not called once the flusher is gone.
-      done();
     }
+  }
+
+  void serve(Request& request) {
+    request.what.error = PartialFiles::flush(request.fd.get());
+    request.fd.reset();
+    MutexLock lock(mutex);
+    if (stop) return;
+    if (request.what.error != 0) {
+      std::erase_if(requests, [&](const Request& r) { return r.what.file == request.what.file; });
+    }
+    flushed.push_back(request.what);
+    // Under the lock, so that it is not called once the flusher is gone.
+    done();
   }
 };
 
@@ -79,8 +89,13 @@ void FileFlusher::flush(const Flushed& what, FileDescriptor fd) {
       [&what](const Flushed& known) { return known.file == what.file && known.error != 0; });
   if (failed) return;
   state_->requests.push_back({what, std::move(fd)});
-  if (!std::exchange(state_->started, true)) {
-    startThread("qn-flush", [state = state_] { state->run(); }).detach();
+  try {
+    if (!state_->started) startThread("qn-flush", [state = state_] { state->run(); }).detach();
+    state_->started = true;
+  } catch (...) {
+    state_->requests.clear();
+    if (!std::exchange(state_->toldWhy, true))
+      logError("Nothing is flushed to the disk: " + describeCurrentException());
   }
   state_->changed.notify_all();
 }

@@ -30,7 +30,8 @@ class FileFlusher {
   FileFlusher& operator=(const FileFlusher&) = delete;
 
   // The system tells a failure once, and then takes the lost bytes for written. So after one
-  // nothing is flushed of that file until it was taken.
+  // nothing is flushed of that file until it was taken. Without a thread to do it there is no
+  // flush: what it was for stays as unsafe as it was.
   void flush(const Flushed& what, FileDescriptor fd);
   std::vector<Flushed> takeFlushed();
   // A flush of the file was not taken yet.

@@ -6,6 +6,7 @@
 
 #include <curl/curl.h>
 
+#include "platform/Log.h"
 #include "platform/transfer/BodyDecoder.h"
 #include "platform/transfer/CurlLoop.h"
 #include "platform/transfer/HttpRules.h"
@@ -88,6 +89,7 @@ bool HttpExchange::startHop() {
   redirect_ = nullptr;
   redirectBody_ = 0;
   redirectFailure_ = {};
+  thrown_ = {};
   decoder_.reset();
   codingFailure_ = {};
   curlMessage_[0] = '\0';
@@ -138,13 +140,27 @@ void HttpExchange::unpause() {
   if (inLoop_) curl_easy_pause(easy_, CURLPAUSE_CONT);
 }
 
+// Runs a callback of libcurl's, through which nothing may be thrown: what is ends this exchange, to
+// be tried again.
+template <class Result, class Function>
+Result HttpExchange::guarded(Result onFailure, const Function& function) {
+  try {
+    return function();
+  } catch (...) {
+    thrown_ = {URLErrorUnknown, true, describeCurrentException()};
+    return onFailure;
+  }
+}
+
 size_t HttpExchange::headerCallback(char* bytes, size_t size, size_t count, void* selfPointer) {
   auto* const self = static_cast<HttpExchange*>(selfPointer);
-  const std::string_view line(bytes, size * count);
-  self->readHeaderLine(line);
-  const bool complete = trimmed(line).empty();
-  if (complete && self->status_ >= 200 && !self->headDone_ && !self->headIsComplete()) return 0;
-  return size * count;
+  return self->guarded(size_t{0}, [&]() -> size_t {
+    const std::string_view line(bytes, size * count);
+    self->readHeaderLine(line);
+    const bool complete = trimmed(line).empty();
+    if (complete && self->status_ >= 200 && !self->headDone_ && !self->headIsComplete()) return 0;
+    return size * count;
+  });
 }
 
 void HttpExchange::readHeaderLine(std::string_view line) {
@@ -223,22 +239,28 @@ bool HttpExchange::takeRedirect() {
 
 size_t HttpExchange::bodyCallback(char* bytes, size_t size, size_t count, void* selfPointer) {
   auto* const self = static_cast<HttpExchange*>(selfPointer);
-  const size_t length = size * count;
-  if (self->redirect_) {
-    self->redirectBody_ += length;
-    return self->redirectBody_ > kMaximumRedirectBody ? 0 : length;
+  return self->guarded(size_t{0}, [&] { return self->takeBody(bytes, size * count); });
+}
+
+size_t HttpExchange::takeBody(const char* bytes, size_t length) {
+  if (redirect_) {
+    redirectBody_ += length;
+    return redirectBody_ > kMaximumRedirectBody ? 0 : length;
   }
   // Only then: libcurl keeps a copy of what is refused, and what it has read already may as well go
   // on.
-  if (std::exchange(self->pausesAtBody_, false)) return CURL_WRITEFUNC_PAUSE;
-  if (self->decoder_) return self->decode(bytes, length) ? length : 0;
-  self->stoppedByObserver_ = !self->observer_.exchangeDidReceiveBody(bytes, length);
-  return self->stoppedByObserver_ ? 0 : length;
+  if (std::exchange(pausesAtBody_, false)) return CURL_WRITEFUNC_PAUSE;
+  if (decoder_) return decode(bytes, length) ? length : 0;
+  stoppedByObserver_ = !observer_.exchangeDidReceiveBody(bytes, length);
+  return stoppedByObserver_ ? 0 : length;
 }
 
 int HttpExchange::connectedCallback(void* selfPointer, char*, char*, int, int) {
-  static_cast<HttpExchange*>(selfPointer)->observer_.exchangeDidConnect();
-  return CURL_PREREQFUNC_OK;
+  auto* const self = static_cast<HttpExchange*>(selfPointer);
+  return self->guarded(CURL_PREREQFUNC_ABORT, [self] {
+    self->observer_.exchangeDidConnect();
+    return CURL_PREREQFUNC_OK;
+  });
 }
 
 void HttpExchange::done(CURL* easy, int curlCode) {
@@ -250,6 +272,7 @@ void HttpExchange::done(CURL* easy, int curlCode) {
 void HttpExchange::finishHop(int curlCode) {
   inLoop_ = false;
   pausesAtBody_ = paused_;
+  if (!thrown_.succeeded()) return complete(thrown_);
   if (stoppedByObserver_) return complete({URLErrorCancelled, false, {}});
   if (!redirectFailure_.succeeded()) return complete(redirectFailure_);
   if (!codingFailure_.succeeded()) return complete(codingFailure_);

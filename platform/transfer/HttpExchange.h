@@ -79,6 +79,9 @@ class HttpExchange {
   [[nodiscard]] bool headIsComplete();
   [[nodiscard]] bool chooseDecoder();
   [[nodiscard]] bool decode(const char* bytes, size_t count);
+  size_t takeBody(const char* bytes, size_t length);
+  template <class Result, class Function>
+  Result guarded(Result onFailure, const Function& function);
   bool isContent() const { return status_ == 200 || status_ == 206; }
   [[nodiscard]] bool takeRedirect();
   void finishHop(int curlCode);
@@ -107,6 +110,7 @@ class HttpExchange {
   URLPtr redirect_;
   size_t redirectBody_ = 0;
   HttpOutcome redirectFailure_;
+  HttpOutcome thrown_;  // in a callback
 };
 
 }  // namespace platform

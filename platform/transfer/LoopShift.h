@@ -21,6 +21,17 @@ class LoopShift {
   // False once it is closed. The host, if it is there, leaves after its round.
   [[nodiscard]] bool guestComes();
   void guestLeaves();
+  // Makes the guest leave at its end, however that comes.
+  class Visit {
+   public:
+    explicit Visit(LoopShift& shift) : shift_(shift) {}
+    ~Visit() { shift_.guestLeaves(); }
+    Visit(const Visit&) = delete;
+    Visit& operator=(const Visit&) = delete;
+
+   private:
+    LoopShift& shift_;
+  };
   bool guestIsHere() const { return guestIsHere_.load(); }
 
   // Until the guest is away for too long, or at once while none ever came. False once it is closed.

@@ -57,13 +57,20 @@ void SessionCore::start() {
   {
     MutexLock lock(mutex_);
     if (started_ || stop_) return;
-    started_ = true;
   }
-  held_ = backend_->start([weak = weak_from_this()](std::vector<TransferEvent>&& events) {
-    if (const auto core = weak.lock()) core->receive(std::move(events));
-  });
-  // Now nothing is missed: the thread keeps what it needs.
-  thread_ = startThread("qn-delegate", [self = shared_from_this()] { self->run(); });
+  try {
+    if (!std::exchange(opened_, true))
+      held_ = backend_->start([weak = weak_from_this()](std::vector<TransferEvent>&& events) {
+        if (const auto core = weak.lock()) core->receive(std::move(events));
+      });
+    // Now nothing is missed: the thread keeps what it needs.
+    thread_ = startThread("qn-delegate", [self = shared_from_this()] { self->run(); });
+  } catch (...) {
+    // The next call tries again; until then what is told waits.
+    return logError("A session tells nothing yet: " + describeCurrentException());
+  }
+  MutexLock lock(mutex_);
+  started_ = true;
 }
 
 void SessionCore::close() {
@@ -216,7 +223,7 @@ void SessionCore::run() {
     // session is closed here.
     const auto session = session_.lock();
     if (!session || isAbandoned(session)) return;
-    deliver(item, session);
+    guarded("Delivery", [&] { deliver(item, session); });
     item = {};
   }
 }

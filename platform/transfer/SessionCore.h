@@ -79,7 +79,8 @@ class SessionCore : public std::enable_shared_from_this<SessionCore> {
   std::deque<Item> queue_ GUARDED_BY(mutex_);
   bool stop_ GUARDED_BY(mutex_) = false;
   bool asked_ GUARDED_BY(mutex_) = false;
-  std::atomic<bool> started_{false};  // written under mutex_
+  std::atomic<bool> started_{false};  // written under mutex_, when the thread is there
+  bool opened_ = false;               // what is told comes here; under submitMutex_
   bool inCallback_ GUARDED_BY(mutex_) = false;
   TransferBatch collected_ GUARDED_BY(mutex_);
   std::vector<std::shared_ptr<TransferTask>> inBatch_ GUARDED_BY(mutex_);

@@ -1,6 +1,7 @@
 #include "platform/transfer/TransferEngine.h"
 
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
 #include "platform/Log.h"
@@ -15,6 +16,9 @@ namespace {
 constexpr int kLockWaitMs = 3'000;
 // Changes that need not be stored at once are stored together, so late at most.
 constexpr int64_t kCommitDelayMs = 10;
+// After a round that threw the next one waits, each time longer.
+constexpr int kFailurePauseMs = 10;
+constexpr int kMaximumFailurePauses = 50;
 
 std::unique_ptr<TransferStore> openStore(const TransferLocation& location,
                                          const std::optional<TransferOptions>& options) {
@@ -67,8 +71,21 @@ size_t TransferEngine::start(Sink sink) {
     loop_->wake();
   });
   clock_.setMoved([this] { loop_->wake(); });
-  thread_ = startThread("qn-transfer", [this] { run(); });
+  startHost();
   return count;
+}
+
+// As long as there is no thread to be had the front's alone does the work, and every call tries
+// again.
+void TransferEngine::startHost() {
+  MutexLock lock(mutex_);
+  if (!started_ || closed_ || thread_.joinable()) return;
+  try {
+    thread_ = startThread("qn-transfer", [this] { run(); });
+    hostRuns_.store(true);
+  } catch (...) {
+    logError("Transfers have no thread of their own: " + describeCurrentException());
+  }
 }
 
 TransferTaskId TransferEngine::nextIdentifier() {
@@ -92,6 +109,7 @@ void TransferEngine::submit(const TransferBatch& batch, Durability durability,
   if (durability == Durability::Now) ledger_.commit(events);
   tell(std::move(events));
   post(touched);
+  if (!hostRuns_.load()) startHost();
 }
 
 void TransferEngine::post(std::vector<TransferTaskId>& touched) {
@@ -143,7 +161,11 @@ void TransferEngine::close() {
   stop_.store(true);
   shift_.close();
   loop_->wake();
-  thread_.join();
+  if (thread_.joinable()) {
+    thread_.join();
+  } else {
+    finish();
+  }
 }
 
 // The engine's own thread.
@@ -153,22 +175,28 @@ void TransferEngine::run() {
     while (!stop_.load() && !shift_.guestIsHere())
       static_cast<void>(runRound());
   }
+  finish();
+}
+
+void TransferEngine::finish() {
   MutexLock turn(turn_);
-  scheduler_->stop();
-  std::vector<TransferEvent> untold;
-  ledger_.commit(untold);
+  try {
+    scheduler_->stop();
+    std::vector<TransferEvent> untold;
+    ledger_.commit(untold);
+  } catch (...) {
+    logError("Transfers were not put down in order: " + describeCurrentException());
+  }
 }
 
 bool TransferEngine::work() {
   if (!shift_.guestComes()) return false;
-  {
-    MutexLock turn(turn_);
-    bool told = false;
-    while (!told && !stop_.load() && !workEnds_.load())
-      told = runRound();
-    workEnds_.store(false);
-  }
-  shift_.guestLeaves();
+  const LoopShift::Visit visit(shift_);
+  MutexLock turn(turn_);
+  bool told = false;
+  while (!told && !stop_.load() && !workEnds_.load())
+    told = runRound();
+  workEnds_.store(false);
   return true;
 }
 
@@ -176,8 +204,36 @@ void TransferEngine::endWork() {
   if (!workEnds_.exchange(true)) loop_->wake();
 }
 
-// True when something was told.
+// True when something was told. Nothing that is thrown leaves it: without the host or the guest no
+// transfer would ever move again.
 bool TransferEngine::runRound() {
+  try {
+    if (failedRounds_ > 0) _startOver();
+    const bool told = _round();
+    failedRounds_ = 0;
+    return told;
+  } catch (...) {
+    const std::string why = describeCurrentException();
+    if (std::exchange(lastFailure_, why) != why) logError("Transfers: " + why);
+  }
+  failedRounds_ = std::min(failedRounds_ + 1, kMaximumFailurePauses);
+  std::this_thread::sleep_for(std::chrono::milliseconds(failedRounds_ * kFailurePauseMs));
+  return false;
+}
+
+// Nobody knows how far the round came that threw: all begins again from what the ledger knows, and
+// what it knows to be over is told again, which a front takes once.
+void TransferEngine::_startOver() {
+  scheduler_->startOver();
+  auto touched = ledger_.unfinished();
+  post(touched);
+  auto ended = ledger_.heldEvents();
+  for (auto& event : ended)
+    event.held = false;
+  tell(std::move(ended));
+}
+
+bool TransferEngine::_round() {
   std::vector<TransferTaskId> touched;
   std::vector<std::function<void(CurlLoop&)>> blocks;
   {
@@ -185,8 +241,13 @@ bool TransferEngine::runRound() {
     touched.swap(touched_);
     blocks.swap(blocks_);
   }
-  for (const auto& block : blocks)
-    block(*loop_);
+  for (const auto& block : blocks) {
+    try {
+      block(*loop_);
+    } catch (...) {
+      logError("Transfers: " + describeCurrentException());
+    }
+  }
   if (networkChanged_.exchange(false)) scheduler_->setNetwork(monitor_.status());
   for (const TransferTaskId id : touched)
     scheduler_->taskChanged(id);

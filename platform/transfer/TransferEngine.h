@@ -60,8 +60,12 @@ class TransferEngine final : public TransferBackend {
   void post(std::function<void(CurlLoop&)> block);
 
  private:
+  void startHost();
   void run();
+  void finish();
   [[nodiscard]] bool runRound() REQUIRES(turn_);
+  [[nodiscard]] bool _round() REQUIRES(turn_);
+  void _startOver() REQUIRES(turn_);
   void submit(const TransferBatch& batch, Durability durability, const TransferMark* mark);
   void tell(std::vector<TransferEvent>&& events);
   void post(std::vector<TransferTaskId>& touched);
@@ -75,6 +79,8 @@ class TransferEngine final : public TransferBackend {
   LoopShift shift_;
   const std::unique_ptr<TransferScheduler> scheduler_ PT_GUARDED_BY(turn_);
   std::atomic<bool> workEnds_{false};
+  int failedRounds_ GUARDED_BY(turn_) = 0;  // since one went well
+  std::string lastFailure_ GUARDED_BY(turn_);
 
   Mutex mutex_;
   std::shared_ptr<const Sink> sink_ GUARDED_BY(mutex_);
@@ -83,7 +89,8 @@ class TransferEngine final : public TransferBackend {
   uint64_t toldMark_ GUARDED_BY(mutex_) = 0;
   bool started_ GUARDED_BY(mutex_) = false;
   bool closed_ GUARDED_BY(mutex_) = false;
-  std::thread thread_;  // set by start(), joined by close()
+  std::thread thread_;  // set under mutex_ until it is closed, joined by close()
+  std::atomic<bool> hostRuns_{false};
   std::atomic<bool> stop_{false};
   std::atomic<bool> networkChanged_{true};
   std::atomic<bool> tellsWaitsAgain_{false};

@@ -4,6 +4,7 @@
 #include <tuple>
 #include <utility>
 
+#include "platform/Log.h"
 #include "platform/transfer/CurlLoop.h"
 #include "platform/transfer/DiscretionaryGate.h"
 
@@ -44,6 +45,16 @@ TransferScheduler::TransferScheduler(TransferLedger& ledger, CurlLoop& loop, Tra
 TransferScheduler::~TransferScheduler() {
   auto& gate = DiscretionaryGate::shared();
   options_.discretionary ? gate.removeSession(this) : gate.setWaits(this, false);
+}
+
+// Runs a step of one task's. What is thrown there is a failure of that task and of no other.
+template <class Step>
+void TransferScheduler::guarded(TransferTaskId id, const Step& step) {
+  try {
+    step();
+  } catch (...) {
+    thrown_.emplace_back(id, describeCurrentException());
+  }
 }
 
 // --- Jobs ---------------------------------------------------------------------------------------
@@ -215,6 +226,7 @@ void TransferScheduler::leaveQueue(Job& job) {
 
 void TransferScheduler::leaveActive(Job& job) {
   if (job.state != State::Active) return;
+  job.state = State::Queued;  // until the caller says what it is
   --active_;
   --job.host->active;
 }
@@ -263,7 +275,7 @@ bool TransferScheduler::startNextOf(Host& host) {
   }
   Job* const job = find(host.queue.front());
   host.queue.pop_front();
-  if (job) startDownload(*job);
+  if (job) guarded(job->id, [&] { startDownload(*job); });
   return true;
 }
 
@@ -348,37 +360,41 @@ void TransferScheduler::tellOthers() {
 void TransferScheduler::takeTouched() {
   for (const TransferTaskId id : touched_) {
     Job* const job = find(id);
-    if (!job || !job->download) continue;
-    Download& download = *job->download;
-    download.takeTouched();
-    job->activeAtMs = now();
-    noteResponse(*job);
-    const auto& content = download.content();
-    if (content.received > job->effort.furthest) {
-      job->effort.furthest = content.received;
-      job->effort.attempts = 0;
-      job->diskFullSinceMs = -1;
-      job->clock.reset(now());
-      if (job->host->health.retryAtMs() != 0) tellAllQueued_ = true;
-      job->host->health.madeProgress(now());
-    }
-    const bool soonWhole = content.expected >= 0 && content.expected <= kSmallFile &&
-                           now() - job->responseAtMs < kSmallFileMs;
-    if (!job->contentStored && content.received > 0 && !soonWhole) {
-      job->contentStored = ledger_.setContent(id, content, job->effort);
-    }
-    if (!job->reportDirty) unreported_.push_back(id);
-    job->reportDirty = true;
-    considerFlush(*job, kFlushBytes);
+    if (job && job->download) guarded(id, [&] { takeTouched(*job); });
   }
   touched_.clear();
 }
 
-// A response that was not seen before gets the next number.
+void TransferScheduler::takeTouched(Job& job) {
+  Download& download = *job.download;
+  download.takeTouched();
+  job.activeAtMs = now();
+  noteResponse(job);
+  const auto& content = download.content();
+  if (content.received > job.effort.furthest) {
+    job.effort.furthest = content.received;
+    job.effort.attempts = 0;
+    job.diskFullSinceMs = -1;
+    job.clock.reset(now());
+    if (job.host->health.retryAtMs() != 0) tellAllQueued_ = true;
+    job.host->health.madeProgress(now());
+  }
+  const bool soonWhole = content.expected >= 0 && content.expected <= kSmallFile &&
+                         now() - job.responseAtMs < kSmallFileMs;
+  if (!job.contentStored && content.received > 0 && !soonWhole) {
+    job.contentStored = ledger_.setContent(job.id, content, job.effort);
+  }
+  if (!job.reportDirty) unreported_.push_back(job.id);
+  job.reportDirty = true;
+  considerFlush(job, kFlushBytes);
+}
+
+// A response that was not seen before gets the next number, of all tasks: one that was put down and
+// taken up again has another job, and must not begin with a number that was told.
 void TransferScheduler::noteResponse(Job& job) {
   if (job.download->responses() == job.responsesSeen) return;
   job.responsesSeen = job.download->responses();
-  ++job.responseNumber;
+  job.responseNumber = ++lastResponse_;
   job.responseAtMs = now();
   job.base = job.download->content().reportDue ? 0 : job.download->base();
 }
@@ -389,12 +405,15 @@ void TransferScheduler::takeEnded() {
   for (const TransferTaskId id : ended) {
     Job* const job = find(id);
     if (!job || !job->download) continue;
-    if (job->state == State::Graced) {
-      park(*job);  // whatever it was: it is looked at again when the task is resumed
-    } else {
-      takeEnd(*job);
-    }
+    guarded(id, [&] {
+      if (job->state == State::Graced) {
+        park(*job);  // whatever it was: it is looked at again when the task is resumed
+      } else {
+        takeEnd(*job);
+      }
+    });
   }
+  takeThrown();
 }
 
 void TransferScheduler::takeEnd(Job& job) {
@@ -520,7 +539,7 @@ void TransferScheduler::runTimers() {
     }
   }
   for (const TransferTaskId id : due)
-    runTimer(*find(id));
+    guarded(id, [&] { runTimer(*find(id)); });
 }
 
 void TransferScheduler::runTimer(Job& job) {

@@ -51,6 +51,9 @@ class TransferScheduler final : public Download::Owner {
   std::vector<TransferEvent> takeEvents();
   // Ends all attempts, keeping what is there.
   void stop();
+  // The same without waiting for the disk, after something was thrown; tasks that are to go on have
+  // to be named again.
+  void startOver();
 
  private:
   enum class State {
@@ -112,6 +115,9 @@ class TransferScheduler final : public Download::Owner {
   void downloadDidEnd(Download& download) override;
 
   Job* find(TransferTaskId id);
+  template <class Step>
+  void guarded(TransferTaskId id, const Step& step);
+  void takeThrown();
   Job& addJob(TransferTaskId id, std::string hostName, TransferLedger::Unfinished&& task);
   void begin(TransferTaskId id, std::string hostName, TransferLedger::Unfinished&& task);
   bool enterBacklog(TransferTaskId id, const std::string& hostName);
@@ -139,6 +145,7 @@ class TransferScheduler final : public Download::Owner {
   static TransferContent& contentOf(Job& job);
 
   void takeTouched();
+  void takeTouched(Job& job);
   void takeEnded();
   void takeEnd(Job& job);
   void askOn(Job& job);
@@ -174,8 +181,10 @@ class TransferScheduler final : public Download::Owner {
   NetworkStatus network_;
   bool othersKnowThatTasksWait_ = false;
   int active_ = 0;
+  uint64_t lastResponse_ = 0;
   std::vector<TransferTaskId> touched_;
   std::vector<TransferTaskId> ended_;
+  std::vector<std::pair<TransferTaskId, std::string>> thrown_;  // by a step of the task's, and what
   std::vector<TransferTaskId> unreported_;
   std::vector<TransferTaskId> newlyQueued_;
   bool tellAllQueued_ = false;

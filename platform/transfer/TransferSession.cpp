@@ -58,7 +58,15 @@ std::unique_ptr<TransferBackend> makeBackend(const URLSessionConfiguration& conf
 
 std::shared_ptr<URLSession> makeSession(const URLSessionConfiguration& configuration,
                                         std::weak_ptr<URLSessionDelegate> delegate) {
-  return TransferSession::make(configuration, std::move(delegate), makeBackend(configuration));
+  try {
+    return TransferSession::make(configuration, std::move(delegate), makeBackend(configuration));
+  } catch (const Exception&) {
+    throw;
+  } catch (const std::exception& failure) {  // no descriptor, no thread
+    throw Exception("NSURLSessionException", std::string("The session \"") +
+                                                 configuration.identifier +
+                                                 "\" cannot be opened: " + failure.what());
+  }
 }
 
 const bool installed = [] {

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include "platform/Exception.h"
+#include "platform/transfer/ThreadSetup.h"
+#include "platform/transfer/TransferEngine.h"
 #include "tests/support/FaultServer.h"
 #include "tests/support/TempDirectory.h"
 #include "tests/support/TestContent.h"
@@ -107,6 +109,80 @@ TEST_F(SessionTest, GoesOnAfterReopening) {
   ASSERT_TRUE(recorder_->waitFor(again[0], "done"));
   EXPECT_EQ("", qntest::compareWithContent(recorder_->fileOf(*again[0]), "/a", 0, 400000));
   EXPECT_EQ(0u, server_.bytesSentAgain("/a"));
+}
+
+// The first thread of each kind cannot be had; for the flusher's that is so for ever.
+TEST_F(SessionTest, GoesOnWithoutAThread) {
+  for (const std::string name : {"qn-flush", "qn-transfer", "qn-delegate"}) {
+    SCOPED_TRACE(name);
+    const std::string path = "/" + name;
+    server_.serve(path, 600000);
+    server_.script(path, {Fault::reset(400000)});
+    std::atomic<int> refused{0};
+    setThreadFault([&](const std::string& wanted) {
+      return wanted == name && (refused++ == 0 || name == "qn-flush");
+    });
+    reopen();
+    tasks();
+    const auto task = begin(path);
+    EXPECT_TRUE(recorder_->waitFor(std::to_string(task->taskIdentifier()) + " done", 1, 10));
+    EXPECT_EQ("", qntest::compareWithContent(recorder_->fileOf(*task), path, 0, 600000));
+    EXPECT_GT(refused, 0);
+    session_.reset();
+    setThreadFault(nullptr);
+  }
+}
+
+// Whatever throws on the way of a transfer, it and the others go on: the n-th operation on a file,
+// something that belongs to no transfer, and whoever is told of an end, which he is told again.
+TEST_F(SessionTest, OutlivesWhateverThrows) {
+  for (int n = 1; n <= 6; ++n) {
+    SCOPED_TRACE(n);
+    server_.serve("/a", 300000);
+    server_.serve("/b", 1000);
+    server_.script("/a", {Fault::reset(100000)});
+    std::atomic<int> left{n};
+    PartialFiles::setHook([&](const char*) {
+      if (--left == 0) throw std::runtime_error("thrown by a test");
+      return 0;
+    });
+    const std::string state = directory_.path("state" + std::to_string(n));
+    TransferEngine engine({"id", state, state + "/partial"}, TransferOptions{}, false);
+    std::mutex mutex;
+    std::map<TransferTaskId, TransferEvent> ends;
+    bool threw = false;
+    engine.start([&](std::vector<TransferEvent>&& events) {
+      const std::lock_guard lock(mutex);
+      for (auto& event : events) {
+        if (event.kind != TransferEvent::Kind::Finished) continue;
+        if (!std::exchange(threw, true)) throw std::runtime_error("thrown at an end");
+        ends[event.task] = event;
+      }
+    });
+    TransferBatch batch;
+    for (const char* path : {"/a", "/b"}) {
+      TransferCall call;
+      call.task = engine.nextIdentifier();
+      call.request = request(path);
+      batch.push_back(call);
+      call.kind = TransferCall::Kind::Resume;
+      batch.push_back(call);
+    }
+    engine.submit(batch, TransferBackend::Durability::Now);
+    engine.post([](CurlLoop&) { throw std::runtime_error("thrown by a test"); });
+    EXPECT_TRUE(recorder_->waitUntil(
+        [&] {
+          const std::lock_guard lock(mutex);
+          return ends.size() == 2;
+        },
+        10));
+    const std::lock_guard lock(mutex);
+    for (const auto& [id, end] : ends)
+      EXPECT_EQ("", qntest::compareWithContent(end.path, id == 1 ? "/a" : "/b", 0,
+                                               id == 1 ? 300000 : 1000));
+    PartialFiles::setHook(nullptr);
+    if (HasFailure()) break;
+  }
 }
 
 TEST_F(SessionTest, CancelledTaskEndsWithItsErrorAndLeavesNothing) {

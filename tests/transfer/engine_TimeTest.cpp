@@ -217,14 +217,26 @@ TEST_F(TimeTest, LongSuspensionGivesTheConnectionUpAndGoesOnFromTheFile) {
   const auto task = begin("/a");
   ASSERT_TRUE(server_.waitForSent("/a", 100000));
   ASSERT_NE(-1, passUntil([&] { return task->countOfBytesReceived() == 100000; }));
+  server_.serve("/gone", 300000);
+  server_.script("/gone", {Fault::hold(100000), Fault::page(404, {}, "not here")});
+  const auto gone = begin("/gone");
+  ASSERT_NE(-1, passUntil([&] { return gone->countOfBytesReceived() == 100000; }));
+  pass(400);
+  gone->suspend();
   task->suspend();
+  ASSERT_TRUE(waits(gone, URLSessionTaskWait::Suspended));
   ASSERT_TRUE(waits(task, URLSessionTaskWait::Suspended));
   pass(7000);
   task->resume();
-  ASSERT_NE(-1, passUntil([&] { return ended(task); }));
+  gone->resume();
+  ASSERT_NE(-1, passUntil([&] { return ended(task) && ended(gone); }));
   EXPECT_EQ(2u, server_.requestCount("/a"));
   EXPECT_EQ(0u, server_.bytesSentAgain("/a"));
   expectWhole(task, 300000);
+  // Another response, so its first report can be told from one that goes on.
+  const auto last = recorder_->reports(gone).back();
+  EXPECT_EQ(8, last.total);
+  EXPECT_EQ(8, last.written);
 }
 
 TEST_F(TimeTest, FetchesAgainWhatVanished) {

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "platform/Exception.h"
+#include "platform/Log.h"
 #include "platform/transfer/ThreadSetup.h"
 #include "platform/transfer/TransferClock.h"
 #include "platform/transfer/TransferErrors.h"
@@ -279,14 +280,12 @@ void ServiceBackend::run() {
 
 bool ServiceBackend::work() {
   if (!connected_.load() || !shift_.guestComes()) return false;
-  {
-    MutexLock turn(turn_);
-    bool told = false;
-    while (!told && connected_.load() && !workEnds_.load())
-      told = readRound(true);
-    workEnds_.store(false);
-  }
-  shift_.guestLeaves();
+  const LoopShift::Visit visit(shift_);
+  MutexLock turn(turn_);
+  bool told = false;
+  while (!told && connected_.load() && !workEnds_.load())
+    told = readRound(true);
+  workEnds_.store(false);
   return true;
 }
 
@@ -320,14 +319,26 @@ bool ServiceBackend::readRound(bool isGuest) {
   }
   if (waiting[0].revents == 0) return false;
   bool told = false;
+  bool sane = false;
+  try {
+    sane = takeMessages(fd, told);
+  } catch (...) {
+    // What it held is said again on the next connection.
+    logError("The transfer service's messages: " + describeCurrentException());
+  }
+  if (!sane) connected_.store(false);
+  return told;
+}
+
+// False when the connection is of no use any more.
+bool ServiceBackend::takeMessages(int fd, bool& told) {
   bool sane = frames_.fill(fd, 64 << 10);
   while (auto body = sane ? frames_.next() : std::nullopt) {
     auto message = decodeMessage(*body);
     sane = message.has_value();
     if (message && take(std::move(*message))) told = true;
   }
-  if (!sane || frames_.failed()) connected_.store(false);
-  return told;
+  return sane && !frames_.failed();
 }
 
 bool ServiceBackend::take(Message&& message) {

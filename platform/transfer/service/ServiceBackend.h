@@ -60,6 +60,7 @@ class ServiceBackend final : public TransferBackend {
   // Waits for something to read, endWork() if this is the guest, or the guest if it is not. True
   // when something was told.
   [[nodiscard]] bool readRound(bool isGuest) REQUIRES(turn_);
+  [[nodiscard]] bool takeMessages(int fd, bool& told) REQUIRES(turn_);
   [[nodiscard]] bool take(Message&& message);
   [[nodiscard]] bool takeEvents(std::vector<TransferEvent>&& events);
   void wake() const;
