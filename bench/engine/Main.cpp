@@ -17,9 +17,11 @@
 #include <unistd.h>
 
 #include "IdleSession.h"
+#include "engine/QNDownloadRecord.h"
 #include "engine/QNMovieDownloadSet.h"
 #include "engine/QNMovieDownloader.h"
 #include "engine/QNQualityDownloadInfo.h"
+#include "engine/QNRecordLine.h"
 #include "engine/QNResourceDownloadInfo.h"
 #include "platform/FileManager.h"
 #include "playlist/QNMovie.h"
@@ -202,6 +204,34 @@ void measureRebuild(size_t resources) {
       files.size(), resources, rebuilding / 1000, walking / 1000);
 }
 
+// A record of `lines` files; with `walks`, beside a walk over as many files.
+void measureRecord(size_t lines, bool walks) {
+  const Directory directory;
+  std::string text = QNRecordHeader(QNDownloadRecord::version) + QNRecordMark("boot", 0);
+  std::filesystem::create_directories(directory.path() + "/video/0");
+  for (size_t i = 0; i < lines; ++i) {
+    const std::string name = Builder::name(0, i);
+    text += QNRecordFile(name, 1, i, "\"5f2a-61c0b1d4\"", " " + (kBase + name));
+    if (walks) std::ofstream(directory.path() + "/" + name) << "x";
+  }
+  text += QNRecordMark("boot", text.size());
+  std::ofstream(directory.path() + "/" + QNDownloadRecordFileName, std::ios::binary) << text;
+  auto start = Clock::now();
+  if (walks) (void)platform::FileManager::defaultManager().filesBelow(directory.path());
+  const double walking = microsecondsSince(start);
+  const size_t before = heapBytes();
+  start = Clock::now();
+  const auto record = QNDownloadRecord::load(directory.path(), "boot");
+  const double reading = microsecondsSince(start);
+  if (!record->trusts(Builder::name(0, lines / 2), 1)) std::abort();
+  const double count = static_cast<double>(lines);
+  std::printf("| record of %zu files (%zu bytes) | read in %.0f ms, %.3f us and %.0f bytes a file",
+              lines, text.size(), reading / 1000, reading / count,
+              static_cast<double>(heapBytes() - before) / count);
+  if (walks) std::printf(", a walk over them %.0f ms (%.2f)", walking / 1000, reading / walking);
+  std::printf(" |\n");
+}
+
 void measureListing(size_t downloads) {
   const Directory directory;
   for (size_t i = 0; i < downloads; ++i) {
@@ -230,6 +260,7 @@ int main(int argc, char** argv) {
     measureBuilding(2, 500);
     measureRebuild(500);
     measureListing(20);
+    measureRecord(500, true);
     const double few = measureCompletions(1000, false);
     const double many = measureCompletions(30000, true);
     // Thirty times the resources: a walk would show as thirty times the cost.
@@ -242,6 +273,9 @@ int main(int argc, char** argv) {
   for (const size_t resources : {1000, 1000000})
     measureCompletions(resources, true);
   measureRebuild(100000);
+  for (const size_t lines : {1000, 10000, 100000})
+    measureRecord(lines, true);
+  measureRecord(1000000, false);
   measureListing(1000);
   return 0;
 }

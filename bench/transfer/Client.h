@@ -14,6 +14,7 @@ struct ClientOptions {
   int segments = 1;
   long bytes = 0;
   bool manifestFirst = false;  // the floor asks for a manifest before the files
+  bool hashes = false;         // the floor hashes what it writes, as the session does
   bool useService = false;
 };
 

@@ -1,5 +1,7 @@
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <vector>
 
 #include <curl/curl.h>
@@ -7,6 +9,7 @@
 #include <unistd.h>
 
 #include "bench/transfer/Client.h"
+#include "platform/ContentHash.h"
 
 namespace qnbench {
 namespace {
@@ -14,10 +17,13 @@ namespace {
 struct Slot {
   CURL* easy = nullptr;
   int fd = -1;
+  std::unique_ptr<platform::ContentHash> hash;
 };
 
-size_t writeBody(char* bytes, size_t size, size_t count, void* slot) {
-  return static_cast<size_t>(::write(static_cast<Slot*>(slot)->fd, bytes, size * count));
+size_t writeBody(char* bytes, size_t size, size_t count, void* pointer) {
+  auto& slot = *static_cast<Slot*>(pointer);
+  if (slot.hash) slot.hash->update(bytes, size * count);
+  return static_cast<size_t>(::write(slot.fd, bytes, size * count));
 }
 
 size_t dropBody(char*, size_t size, size_t count, void*) {
@@ -58,6 +64,7 @@ int runFloor(const ClientOptions& options) {
   const auto begin = [&](Slot& slot) {
     const std::string name = std::to_string(next++);
     slot.fd = ::open((options.directory + "/" + name).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (options.hashes) slot.hash = std::make_unique<platform::ContentHash>();
     const std::string url = options.base + "/" + std::to_string(options.bytes) + "/" + name;
     curl_easy_setopt(slot.easy, CURLOPT_URL, url.c_str());
     curl_multi_add_handle(multi, slot.easy);
@@ -75,6 +82,7 @@ int runFloor(const ClientOptions& options) {
   }
   int running = 1;
   long failed = 0;
+  uint64_t hashes = 0;
   while (running > 0) {
     curl_multi_perform(multi, &running);
     int left = 0;
@@ -85,6 +93,7 @@ int runFloor(const ClientOptions& options) {
       failed += message->data.result != CURLE_OK;
       curl_multi_remove_handle(multi, slot.easy);
       ::close(slot.fd);
+      if (slot.hash) hashes ^= slot.hash->digest();
       if (next < total) {
         begin(slot);
         running = 1;
@@ -97,7 +106,7 @@ int runFloor(const ClientOptions& options) {
   curl_multi_cleanup(multi);
   curl_global_cleanup();
   if (failed > 0) std::fprintf(stderr, "floor: %ld failed\n", failed);
-  return failed > 0 ? 1 : 0;
+  return failed > 0 || (options.hashes && hashes == 1) ? 1 : 0;
 }
 
 }  // namespace qnbench

@@ -1,9 +1,9 @@
 // Compares whole processes that fetch the same files from the same local server: a bare
 // libcurl-multi loop (the floor; with "+mpd" it asks for the manifest first, as the program has
-// to), the transfer session under the calls that a download makes, the same through the service,
-// and the program itself when its path is given. Wall time, CPU time and peak memory, best of some
-// runs. The service counts with its start; its CPU time is added to its client's, the memory is its
-// own.
+// to, with "+xxh" it hashes what it writes, too), the transfer session under the calls that a
+// download makes, the same through the service, and the program itself when its path is given,
+// maybe beside another build of it. Wall time, CPU time and peak memory, best of some runs. The
+// service counts with its start; its CPU time is added to its client's, the memory is its own.
 
 #include <chrono>
 #include <cstdio>
@@ -127,6 +127,7 @@ Result measureMode(const std::string& mode, const std::vector<std::string>& comm
 struct Settings {
   std::string self;
   std::string program;  // qnmovie, may be empty
+  std::string other;    // another build of it, may be empty
   std::string work;     // on tmpfs
   std::string certificate, key;
   std::string only;
@@ -144,8 +145,8 @@ struct Settings {
 std::vector<std::string> commandOf(const std::string& mode, const Case& c, const Settings& s,
                                    const std::string& base) {
   const std::string out = s.work + "/out";
-  if (mode == "program") {
-    return {s.program,
+  if (mode == "program" || mode == "other") {
+    return {mode == "other" ? s.other : s.program,
             "download",
             "--quiet",
             "--all",
@@ -183,8 +184,9 @@ bool runCase(const Case& c, const Settings& s) {
   const std::string base =
       std::string(c.tls ? "https" : "http") + "://127.0.0.1:" + std::to_string(port);
   setEnvironment(c, s);
-  std::vector<std::string> modes{"floor", "floor+mpd", "session", "service"};
+  std::vector<std::string> modes{"floor", "floor+mpd", "floor+xxh", "session", "service"};
   if (!s.program.empty()) modes.push_back("program");
+  if (!s.other.empty()) modes.push_back("other");
   if (!s.what.empty()) std::erase_if(modes, [&](const auto& mode) { return mode != s.what; });
   std::vector<Result> best(modes.size());
   for (int run = 0; run < s.runs; ++run) {
@@ -281,8 +283,8 @@ std::string qnbench::manifestPath(int qualities, int segments, long bytes) {
          std::to_string(bytes);
 }
 
-// bench_transfer [--program PATH] [--runs N] [--only TEXT] [--what NAME] [--tls CERT KEY] [--held
-// TASKS] WORKDIR
+// bench_transfer [--program PATH] [--other PATH] [--runs N] [--only TEXT] [--what NAME] [--tls CERT
+// KEY] [--held TASKS] WORKDIR
 int main(int argc, char** argv) {
   const std::vector<std::string> a(argv + 1, argv + argc);
   if (a.size() == 5 && a[0] == "held")
@@ -290,7 +292,8 @@ int main(int argc, char** argv) {
   if (a.size() == 8 && (a[0].starts_with("floor") || a[0] == "session" || a[0] == "service")) {
     ClientOptions options{a[1],           a[2], a[3], a[7], std::stoi(a[4]), std::stoi(a[5]),
                           std::stol(a[6])};
-    options.manifestFirst = a[0] == "floor+mpd";
+    options.manifestFirst = a[0] != "floor";
+    options.hashes = a[0] == "floor+xxh";
     options.useService = a[0] == "service";
     return a[0].starts_with("floor") ? runFloor(options) : runSession(options);
   }
@@ -299,6 +302,8 @@ int main(int argc, char** argv) {
   for (size_t i = 0; i < a.size(); ++i) {
     if (a[i] == "--program")
       settings.program = fs::absolute(a.at(++i));
+    else if (a[i] == "--other")
+      settings.other = fs::absolute(a.at(++i));
     else if (a[i] == "--runs")
       settings.runs = std::stoi(a.at(++i));
     else if (a[i] == "--held")
@@ -316,7 +321,8 @@ int main(int argc, char** argv) {
   if (!a.empty() && a[0] == "--check") return check(settings);
   if (settings.work.empty()) {
     std::fprintf(stderr,
-                 "usage: bench_transfer [--program PATH] [--runs N] [--only TEXT] [--what NAME] "
+                 "usage: bench_transfer [--program PATH] [--other PATH] [--runs N] [--only TEXT] "
+                 "[--what NAME] "
                  "[--tls CERT KEY] "
                  "[--held TASKS] WORKDIR\n");
     return 2;
