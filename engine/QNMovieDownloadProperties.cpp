@@ -275,7 +275,7 @@ bool QNMutableMovieDownloadProperties::open(const std::string& sourceURL,
 bool QNMutableMovieDownloadProperties::_writeJSON() {
   const std::string text = properties_.dump();
   const auto failure =
-      FileManager::defaultManager().writeAtomically(file_, text.data(), text.size());
+      FileManager::defaultManager().writeAtomically(file_, text.data(), text.size(), kMode);
   unwritten_ = failure != nullptr;
   if (!failure) return true;
   // The two failures have had different levels from the start.

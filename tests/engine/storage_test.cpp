@@ -102,6 +102,8 @@ TEST_F(SetStorage, StartsWithTwoMembersOnly) {
   EXPECT_EQ(
       readFile(set->properties()->jsonPath()),
       R"({"QNDownloadSetSourceURL":"http://h/m.mpd","QNDownloadSetManifestName":"manifest.mpd"})");
+  EXPECT_EQ(std::filesystem::status(set->properties()->jsonPath()).permissions(),
+            std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
 }
 
 TEST_F(SetStorage, SetsADamagedPropertiesFileAside) {
