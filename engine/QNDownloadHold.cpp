@@ -30,6 +30,7 @@ QNDownloadHold::Attempt QNDownloadHold::attempt(const std::string& directory) {
   Attempt attempt;
   if (tried.lock) attempt.hold = std::make_shared<const QNDownloadHold>(std::move(tried.lock));
   if (tried.isHeld) attempt.holder = describe(tried.holder);
+  attempt.isOfThisProcess = tried.isHeld && tried.holder == getpid();
   attempt.error = std::move(tried.error);
   return attempt;
 }

@@ -24,8 +24,9 @@ class QN_EXPORT QNDownloadHold {
   // or its file system knows no such locks.
   struct Attempt {
     Hold hold;
-    std::string holder;        // who else has it, for a person; empty: nobody
-    platform::ErrorPtr error;  // the directory cannot be opened
+    std::string holder;            // who else has it, for a person; empty: nobody
+    bool isOfThisProcess = false;  // that one
+    platform::ErrorPtr error;      // the directory cannot be opened
   };
 
   static Attempt attempt(const std::string& directory);

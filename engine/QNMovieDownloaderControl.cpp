@@ -28,6 +28,7 @@ namespace {
 // What is being removed lies here, one level deeper than a download would: half of one is never
 // taken for a whole.
 constexpr const char* kRemovedDirectory = ".qn-removed";
+constexpr const char* kPartialPrefix = ".qn-partial-";
 constexpr auto kRefreshDelay = std::chrono::nanoseconds(1'000'000'000);
 
 Application::BackgroundTask begin(const char* name) {
@@ -82,10 +83,16 @@ bool isDownload(const FileManager::Entry& entry, const std::string& path) {
              FileManager::pathByAppending(path, QNMoviePropertiesFileName));
 }
 
-// Anything that is stored may be a download, also one that lost its properties.
-QNDownloadHold::Attempt holdOf(const FileManager::Entry& entry, const std::string& path) {
-  const bool isStored = entry.isDirectory && entry.name != kRemovedDirectory;
-  return isStored ? QNDownloadHold::attempt(path) : QNDownloadHold::Attempt();
+// Who keeps an entry of the root from being removed, empty when nobody does. Anything that is
+// stored may be a download, also one that lost its properties. Partial files are kept by another
+// process only: a session of this one makes their directory again.
+std::string keeperOf(const FileManager::Entry& entry, const std::string& path) {
+  if (!entry.isDirectory || entry.name == kRemovedDirectory) return {};
+  if (!entry.name.starts_with(kPartialPrefix)) return QNDownloadHold::attempt(path).holder;
+  const auto files = FileManager::defaultManager().contentsOfDirectory(path);
+  if (!files || files->empty()) return {};
+  const auto tried = QNDownloadHold::attempt(path);
+  return tried.isOfThisProcess ? std::string() : tried.holder;
 }
 
 // A name that no earlier removal used, also of a process that was killed in it.
@@ -301,14 +308,17 @@ QNMovieDownloader::OwnHolds QNMovieDownloader::_holdsForRemoval() const {
     own.holds.push_back(std::move(hold));
     own.directories.insert(*directory);
   }
+  // The transfer service may have this session's partial files.
+  if (const auto partial = files.identityOf(session_->partialDirectory()))
+    own.directories.insert(*partial);
   const std::string root = downloadPath();
   for (const auto& entry :
        files.contentsOfDirectory(root).value_or(std::vector<FileManager::Entry>())) {
     const std::string path = FileManager::pathByAppending(root, entry.name);
     const auto directory = files.identityOf(path);
     if (directory && own.directories.contains(*directory)) continue;
-    const auto hold = holdOf(entry, path);
-    if (!hold.holder.empty()) QNDownloadHold::refuse(path, hold.holder);
+    const std::string keeper = keeperOf(entry, path);
+    if (!keeper.empty()) QNDownloadHold::refuse(path, keeper);
   }
   return own;
 }
@@ -334,8 +344,7 @@ platform::ErrorPtr QNMovieDownloader::_removeRoot(const OwnHolds& own) {
       // Each by itself: a root may hold more downloads than a process may open.
       const auto directory = files.identityOf(path);
       const bool isOwn = directory && own.directories.contains(*directory);
-      const auto hold = isOwn ? QNDownloadHold::Attempt() : holdOf(entry, path);
-      if (!hold.holder.empty()) {
+      if (!isOwn && !keeperOf(entry, path).empty()) {
         note(platform::Error::errorWithErrno(EBUSY, "Cannot remove", path));
       } else {
         note(isForDownloads ? removeDownload(root, path) : files.removeItem(path));

@@ -78,6 +78,10 @@ std::string URLSession::bootIdentifier() const {
 
 void URLSession::tellEndOfBackgroundEvents() {}
 
+std::string URLSession::partialDirectory() const {
+  return {};
+}
+
 std::shared_ptr<URLSession> URLSession::sessionWithConfiguration(
     const URLSessionConfiguration& configuration, std::weak_ptr<URLSessionDelegate> delegate) {
   Provider provider;

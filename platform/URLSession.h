@@ -180,6 +180,9 @@ class QN_EXPORT URLSession : public std::enable_shared_from_this<URLSession> {
   virtual ~URLSession();
 
   virtual const URLSessionConfiguration& configuration() const = 0;
+  // The directory of the files that are being filled, which whoever fills them keeps under an
+  // exclusive flock; empty without one.
+  virtual std::string partialDirectory() const;
   // Of the machine that the session's files lie on (BootIdentifier.h).
   virtual std::string bootIdentifier() const;
   // A new task, suspended. Never null: what cannot be requested is a task that fails asynchronously

@@ -13,6 +13,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -64,12 +65,19 @@ class NameText {
   size_t size_ = 0;
 };
 
+// Says to whoever would remove the directory that it is in use. Nothing depends on having it: the
+// store's lock keeps others from writing here.
+void claim(int directory) {
+  static_cast<void>(::flock(directory, LOCK_EX | LOCK_NB));
+}
+
 }  // namespace
 
 PartialFiles::PartialFiles(std::string directory) : directory_(std::move(directory)) {
   ErrorPtr error;
   self_ = openPrivateDirectory(directory_, PrivateDirectoryMode::Tightened, error);
   if (error) throw Exception("NSURLSessionException", error->localizedDescription());
+  claim(self_.get());
 }
 
 // Other threads may be using the descriptor: it is replaced in one step.
@@ -77,6 +85,7 @@ int PartialFiles::makeAgain() const {
   ErrorPtr error;
   const auto made = openPrivateDirectory(directory_, PrivateDirectoryMode::Tightened, error);
   if (error) return static_cast<int>(error->code());
+  claim(made.get());
   return ::dup3(made.get(), self_.get(), O_CLOEXEC) < 0 ? errno : 0;
 }
 

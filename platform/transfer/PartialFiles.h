@@ -21,7 +21,8 @@ struct PartialName {
 
 // The directory of partial files of one session (mode 0700, files 0600). It may lie where others
 // write, beside downloads: all work is done relative to the directory that was opened, and only
-// names of this class's own are touched. Calls return 0 or an errno. Thread-safe.
+// names of this class's own are touched. It has an exclusive flock meanwhile, for whoever thinks of
+// removing it. Calls return 0 or an errno. Thread-safe.
 class PartialFiles {
  public:
   // Throws platform::Exception "NSURLSessionException" when the directory cannot be made, or what

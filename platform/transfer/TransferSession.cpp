@@ -99,6 +99,10 @@ TransferSession::TransferSession(const URLSessionConfiguration& configuration,
       core_(std::make_shared<SessionCore>(std::move(backend), std::move(delegate))),
       process_(::getpid()) {}
 
+std::string TransferSession::partialDirectory() const {
+  return TransferLocation::fromConfiguration(configuration_).partialDirectory;
+}
+
 TransferSession::~TransferSession() {
   if (::getpid() == process_) {
     core_->close();

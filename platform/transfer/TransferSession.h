@@ -20,6 +20,7 @@ class TransferSession final : public URLSession {
   ~TransferSession() override;
 
   const URLSessionConfiguration& configuration() const override { return configuration_; }
+  std::string partialDirectory() const override;
   std::shared_ptr<URLSessionDownloadTask> downloadTaskWithRequest(
       const URLRequestPtr& request) override;
   std::shared_ptr<URLSessionDownloadTask> downloadTaskWithResumeData(

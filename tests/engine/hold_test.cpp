@@ -1,7 +1,12 @@
 #include <any>
 #include <filesystem>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "platform/Exception.h"
 #include "playlist/QNMovie.h"
@@ -67,6 +72,33 @@ TEST_F(Hold, KeepsOthersFromStartingAndRemovingUntilIdle) {
   EXPECT_EQ(holderIn([&] { world.downloader->download(set); }), us);
   EXPECT_TRUE(other->remove(otherSet));
   EXPECT_FALSE(std::filesystem::exists(world.directory()));
+}
+
+// Another process has a download, or partial files of a session of its own.
+TEST_F(Hold, RemovesNothingThatAnotherProcessWorksOn) {
+  world.root.write("downloads/.qn-partial-0123/1.1", "x");
+  for (const std::string& held :
+       {world.directory(), world.root.path("downloads/.qn-partial-0123")}) {
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+      const int fd = open(held.c_str(), O_RDONLY | O_DIRECTORY);
+      if (flock(fd, LOCK_EX) == 0) (void)!write(ready[1], "x", 1);
+      for (;;)
+        pause();
+    }
+    char byte = 0;
+    EXPECT_EQ(read(ready[0], &byte, 1), 1);
+    EXPECT_EQ(holderIn([&] { other->removeAll(); }), "process " + std::to_string(child));
+    EXPECT_TRUE(std::filesystem::exists(world.directory() + "/manifest.mpd"));
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    close(ready[0]);
+    close(ready[1]);
+  }
+  EXPECT_EQ(holderIn([&] { other->removeAll(); }), "");
+  EXPECT_FALSE(std::filesystem::exists(world.root.path("downloads")));
 }
 
 TEST_F(Hold, AStartLooksAtWhatOthersDidMeanwhile) {

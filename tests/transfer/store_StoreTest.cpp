@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "platform/Exception.h"
+#include "platform/FileLock.h"
 #include "platform/FileManager.h"
 #include "platform/transfer/StoreLock.h"
 #include "platform/transfer/TransferLedger.h"
@@ -189,7 +190,9 @@ TEST_F(StoreTest, RemembersTheSessionsSettings) {
   options.sendsLaunchEvents = true;
   options.launchCommand = LaunchCommand{{"/bin/x", "a b"}, {{"HOME", "/h"}}, "/w"};
   ASSERT_TRUE(open()->saveSession(options));
-  const auto session = open()->session();
+  const auto store = open();
+  EXPECT_TRUE(FileLock::ofDirectory(directory_.path("partial")).isHeld);
+  const auto session = store->session();
   EXPECT_TRUE(options == session.options);
   EXPECT_EQ("id", session.identifier);
   EXPECT_EQ(directory_.path("partial"), session.partialDirectory);
