@@ -208,6 +208,7 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
   [[nodiscard]] platform::ErrorPtr makeRecord() REQUIRES(mutex_);
   void scheduleFlush() REQUIRES(mutex_);
   void loseFile(const Resource& resource, const platform::ErrorPtr& error) REQUIRES(mutex_);
+  void loseResource(const Resource& resource, const platform::ErrorPtr& error) REQUIRES(mutex_);
   using Hold = std::shared_ptr<const QNDownloadHold>;
   Hold _takeHold() REQUIRES(mutex_);
   void _useHold(const Hold& hold) REQUIRES(mutex_);

@@ -421,8 +421,22 @@ void QNMovieDownloadSet::loseFile(const Resource& resource, const platform::Erro
   if (!info || !place) return;
   (void)FileManager::defaultManager().removeItem(places_->pathOf(*place));
   places_->didRemove(*place);
-  record_->remove({places_->keyOf(*place)});
+  const std::string key = places_->keyOf(*place);
+  record_->remove({key});
   if (resource->downloadTask()) return resourceCompleteWithError(resource, error);
+  loseResource(resource, error);
+  if (!places_->isShared(*place)) return;
+  for (const QualityInfo& other : selectedQualitiesInfo()) {
+    for (const Resource& same : other->resources()) {
+      const auto its = same->completed() ? places_->placeOf(*same) : std::nullopt;
+      if (its && places_->keyOf(*its) == key) loseResource(same, error);
+    }
+  }
+}
+
+void QNMovieDownloadSet::loseResource(const Resource& resource, const platform::ErrorPtr& error) {
+  const QualityInfo info = resource->quality();
+  if (info->completed() && !info->failed()) return;  // told, of what was on the disk
   const int64_t oldBytes = info->downloadedBytes();
   info->resourceLoseFile(resource, error);
   _updateDownloadedFrom(oldBytes, info->downloadedBytes());

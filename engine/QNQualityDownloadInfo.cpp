@@ -318,8 +318,7 @@ void QNQualityDownloadInfo::resourceLoseFile(const Resource& resource,
   assertOwn(resource);
   if (!resource->completed() || resource->failed()) return;
   const Change change(resource);
-  if (completed_) resource->setMaxReactivations(resource->reactivations());
-  const bool mayStart = resource->loseFile(error);
+  const bool mayStart = resource->loseFile(error, !completed_);
   _updateDownloadedFrom(change.oldBytes, resource->downloadedBytes());
   note(change);
   if (!mayStart) {

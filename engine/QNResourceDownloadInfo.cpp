@@ -252,10 +252,10 @@ void QNResourceDownloadInfo::reset() {
   downloadedBytes_ = 0;
 }
 
-bool QNResourceDownloadInfo::loseFile(const platform::ErrorPtr& error) {
+bool QNResourceDownloadInfo::loseFile(const platform::ErrorPtr& error, bool mayRetry) {
   platform::assertThat(status_ == QNDownloadStatusIdle, "Expected resource status to be IDLE");
   downloadedBytes_ = 0;
-  if (reactivateReset()) return true;
+  if (mayRetry && reactivateReset()) return true;
   error_ = error;
   return false;
 }

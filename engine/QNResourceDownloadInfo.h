@@ -106,8 +106,8 @@ class QN_EXPORT QNResourceDownloadInfo final : public QNDownloadStats {
   // Forgets everything except the expected size.
   void reset();
   // Own addition: the file of a resource that completed could not be kept. It may be started again
-  // when its budget allows that (true), and has failed with the error otherwise.
-  [[nodiscard]] bool loseFile(const platform::ErrorPtr& error);
+  // when `mayRetry` and its budget allow that (true), and has failed with the error otherwise.
+  [[nodiscard]] bool loseFile(const platform::ErrorPtr& error, bool mayRetry);
 
   // Own additions.
   // Why nothing can be stored for this resource (QNResourcePath.h), null when there is a place.

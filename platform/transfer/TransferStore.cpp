@@ -3,7 +3,6 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <fstream>
 #include <limits>
 #include <utility>
 
@@ -12,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "platform/BootIdentifier.h"
 #include "platform/Exception.h"
 #include "platform/Log.h"
 #include "platform/PrivateDirectory.h"
@@ -330,18 +330,11 @@ TransferTaskId TransferStore::reserveIdentifiers(uint64_t count) {
 }
 
 const std::string& TransferStore::currentBootId() {
-  // Kept for threads that outlive main.
-  static const auto& id = *new std::string([] {
-    std::ifstream file("/proc/sys/kernel/random/boot_id");
-    std::string text;
-    std::getline(file, text);
-    return text;
-  }());
-  return id;
+  return currentBootIdentifier();
 }
 
 bool TransferStore::isCurrentBoot(const std::string& id) {
-  return !id.empty() && id == currentBootId();
+  return isSameBoot(id, currentBootId());
 }
 
 void TransferStore::run(const char* sql) {
