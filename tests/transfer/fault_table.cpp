@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/ContentHash.h"
 #include "tests/support/TestContent.h"
 #include "tests/transfer/ContractSuite.h"
 
@@ -395,6 +396,11 @@ void expectEnd(TransferHarness& harness, const FaultRow& row) {
           << told;
     } else {
       EXPECT_EQ(readFile(events.files[0]).value_or("none").size(), row.size) << told;
+    }
+    // What came in one piece was hashed on its way.
+    const auto hash = task->hashOfBytesReceived();
+    if (hash || server.requests("/a").size() == 1) {
+      EXPECT_EQ(hash, platform::ContentHash::ofFile(events.files[0])) << told;
     }
     EXPECT_EQ(events.reports.back().total, static_cast<int64_t>(row.size));
     EXPECT_EQ(events.completions, std::vector<platform::ErrorPtr>{nullptr});
