@@ -5,6 +5,7 @@
 #include <limits>
 #include <utility>
 
+#include "engine/QNDownloadHold.h"
 #include "engine/QNEngineLog.h"
 #include "engine/QNHash.h"
 #include "engine/QNRecordLine.h"
@@ -20,6 +21,7 @@ constexpr unsigned kMode = 0600;
 constexpr int64_t kLongestRecord = int64_t{4} << 30;
 constexpr size_t kLongestValidator = 512;
 constexpr size_t kUsualLine = 128;
+constexpr size_t kFewLines = 64;  // are not worth writing anew
 
 }  // namespace
 
@@ -28,8 +30,9 @@ class QNDownloadRecord::Table {
  public:
   struct Entry {
     std::string_view place;
-    std::string_view address;  // escaped
-    int64_t length = -1;       // -1: gone
+    std::string_view validator;  // escaped
+    std::string_view address;    // escaped
+    int64_t length = -1;         // -1: gone
     std::optional<uint64_t> hash;
     uint64_t offset = 0;  // of its line
   };
@@ -41,7 +44,7 @@ class QNDownloadRecord::Table {
 
   // `place` is escaped, as in the line.
   void put(std::string_view place, const QNRecordLine& line, uint64_t offset) {
-    Entry entry{place, line.address, -1, line.hash, offset};
+    Entry entry{place, line.validator, line.address, -1, line.hash, offset};
     if (line.kind == QNRecordLine::Kind::File) entry.length = static_cast<int64_t>(line.number);
     const bool isEscaped = place.find('\\') != std::string_view::npos;
     if (isEscaped) entry.place = unescaped_.emplace_back(QNUnescaped(place));
@@ -103,7 +106,7 @@ std::shared_ptr<QNDownloadRecord> QNDownloadRecord::load(const std::string& dire
                                                          const std::string& bootIdentifier) {
   std::shared_ptr<QNDownloadRecord> record(new QNDownloadRecord(directory, bootIdentifier));
   record->read();
-  if (record->isThere_) record->settle();
+  if (record->isThere_ && record->settle()) record->rewriteIfStale();
   return record;
 }
 
@@ -152,6 +155,7 @@ void QNDownloadRecord::readLines(std::string_view text) {
         line.kind == Kind::File && line.number <= uint64_t{std::numeric_limits<int64_t>::max()};
     if (isFile || line.kind == Kind::Gone) {
       table_->put(line.place, line, at);
+      ++lines_;
     } else if (line.kind == Kind::Mark) {
       markedBoot_ = QNUnescaped(line.boot);
       markedEnd_ = std::min<uint64_t>(line.number, at);
@@ -175,7 +179,7 @@ bool QNDownloadRecord::isWhole(std::string_view place, int64_t length,
 
 // What no mark covers is brought to the disk, so that a download that is found whole is whole also
 // when the power goes after that.
-void QNDownloadRecord::settle() {
+bool QNDownloadRecord::settle() {
   const bool sameBoot = platform::isSameBoot(markedBoot_, boot_);
   bool any = false;
   std::vector<Table::Entry*> lost;
@@ -186,7 +190,7 @@ void QNDownloadRecord::settle() {
     entry.length = -1;
     lost.push_back(&entry);
   }
-  if (!any) return;
+  if (!any) return true;
   const FlushPoint point = flushPoint();
   const auto error = point.file ? point.file->flushFileSystem() : point.error;
   // Where nothing can be written, as on a medium that is only read, nothing waits to be written.
@@ -202,6 +206,32 @@ void QNDownloadRecord::settle() {
     unwritten_ += QNRecordGone(entry->place);
   }
   if (!error) mark(point);
+  return !error;
+}
+
+void QNDownloadRecord::rewriteIfStale() {
+  const auto isLive = [](const Table::Entry& entry) { return entry.length >= 0; };
+  const auto& entries = table_->entries();
+  const auto live = static_cast<size_t>(std::count_if(entries.begin(), entries.end(), isLive));
+  if (lines_ <= 2 * live + kFewLines) return;
+  const auto attempt = QNDownloadHold::attempt(directory_);
+  const auto readSize = static_cast<int64_t>(file_ ? file_->size() : text_->size());
+  auto& files = FileManager::defaultManager();
+  // Whoever had it until now may have written to it.
+  if (!attempt.hold || files.sizeOfFile(path_) != readSize) return;
+  std::string text = QNRecordHeader(version);
+  for (const Table::Entry& entry : entries) {
+    if (isLive(entry))
+      text += QNRecordFile(entry.place, static_cast<uint64_t>(entry.length), entry.hash,
+                           QNUnescaped(entry.validator), QNUnescaped(entry.address));
+  }
+  text += QNRecordMark(boot_, text.size());
+  if (files.writeAtomically(path_, text.data(), text.size(), kMode)) return;
+  file_.reset();
+  unwritten_.clear();
+  endsInside_ = false;
+  markedBoot_ = boot_;
+  readAs_ = stateOnDisk();
 }
 
 bool QNDownloadRecord::trusts(std::string_view place, int64_t size) const {

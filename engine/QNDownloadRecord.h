@@ -37,7 +37,8 @@ class QNDownloadRecord {
   static constexpr uint64_t version = 1;
 
   // Reads the record and settles what an earlier launch left after the last mark, which may read
-  // whole files and flush the file system.
+  // whole files and flush the file system. One in which more than half is stale is written anew,
+  // unless somebody holds the download.
   static std::shared_ptr<QNDownloadRecord> load(const std::string& directory,
                                                 const std::string& bootIdentifier);
   // The record as it is now, for whoever has settled it in this boot and wants to know what others
@@ -90,7 +91,9 @@ class QNDownloadRecord {
   std::string stateOnDisk() const;
   void read();
   void readLines(std::string_view text);
-  void settle();
+  // Whether everything that counts is on the disk now.
+  [[nodiscard]] bool settle();
+  void rewriteIfStale();
   bool isWhole(std::string_view place, int64_t length, std::optional<uint64_t> hash) const;
   [[nodiscard]] platform::ErrorPtr open();
   [[nodiscard]] platform::ErrorPtr append(std::string_view lines);
@@ -103,6 +106,7 @@ class QNDownloadRecord {
   std::string readAs_;  // which file it was, and how long
   bool isThere_ = false;
   bool isNewer_ = false;
+  size_t lines_ = 0;         // of files, there or gone
   bool endsInside_ = false;  // of a line, which the next one has to end
   std::string markedBoot_;   // of the last mark
   uint64_t markedEnd_ = 0;

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "engine/QNDownloadHold.h"
 #include "engine/QNDownloadRecord.h"
 #include "engine/QNRecordLine.h"
 #include "playlist/QNMovie.h"
@@ -295,6 +296,28 @@ TEST_F(Record, AdoptsWhatWasStoredBeforeThereWereRecords) {
   downloadAll();
   write("a/1", "short");
   EXPECT_EQ(afterRelaunch("boot 2"), "idle selected a:.C downloaded v completed 0 failed 0");
+}
+
+TEST_F(Record, IsWrittenAnewWhenMostOfItIsStaleAndNobodyHoldsTheDownload) {
+  const std::string whole = "idle selected downloaded v a completed 0 failed 0";
+  downloadAll();
+  std::string stale = recordText();
+  for (int i = 0; i < 50; ++i)
+    stale += QNRecordGone("v/9") + QNRecordFile("v/9", 1, 2, "", "");
+  write(QNDownloadRecordFileName, stale + QNRecordGone("v/9"));
+  {
+    const auto held = QNDownloadHold::attempt(world.directory());
+    ASSERT_TRUE(held.hold);
+    EXPECT_EQ(afterRelaunch("boot 2"), whole);
+    EXPECT_GT(recordText().size(), stale.size());
+  }
+  EXPECT_EQ(afterRelaunch("boot 2"), whole);
+  EXPECT_LT(recordText().size(), 1000U);
+  EXPECT_EQ(afterRelaunch("boot 3"), whole);
+  // What comes next is written to the new one.
+  world.activate()->removeAllDownloadedQualities();
+  downloadAll();
+  EXPECT_EQ(afterRelaunch("boot 4"), whole);
 }
 
 TEST_F(Record, AFileOfUnknownOwnerNeverPassesForAnotherOne) {
