@@ -6,13 +6,12 @@
 
 namespace qntest {
 
-// Lets reads and writes of the databases of this process fail, for as long as it lives: asked
+// Lets reads and writes of the databases of this process fail while it lives: `fault` is asked
 // before each, with 'r' or 'w', for its result.
 class FaultyDatabase {
  public:
-  explicit FaultyDatabase(std::function<int(char operation)> fault) {
+  explicit FaultyDatabase(std::function<int(char)> fault) {
     fault_ = std::move(fault);
-    real_ = sqlite3_vfs_find("unix");
     static sqlite3_vfs faulty;
     faulty = *real_;
     faulty.zName = "faulty";
@@ -46,7 +45,7 @@ class FaultyDatabase {
   }
 
   static inline std::function<int(char)> fault_;
-  static inline sqlite3_vfs* real_ = nullptr;
+  static inline sqlite3_vfs* const real_ = sqlite3_vfs_find("unix");
 };
 
 }  // namespace qntest

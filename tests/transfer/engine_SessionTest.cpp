@@ -74,43 +74,6 @@ TEST_F(SessionTest, DownloadsFilesOfAllSizes) {
   }
 }
 
-TEST_F(SessionTest, ContinuesAfterAResetWithoutFetchingAByteTwice) {
-  server_.serve("/a", 400000);
-  server_.script("/a", {Fault::reset(150000), Fault::reset(1), Fault::close(100)});
-  open();
-  const auto task = begin("/a");
-  ASSERT_TRUE(recorder_->waitFor(task, "done"));
-  EXPECT_EQ("", qntest::compareWithContent(recorder_->fileOf(*task), "/a", 0, 400000));
-  EXPECT_EQ(0u, server_.bytesSentAgain("/a"));
-}
-
-TEST_F(SessionTest, GoesOnAfterReopening) {
-  server_.serve("/a", 400000);
-  server_.script("/a", {Fault::hold(200000)});
-  open();
-  auto task = begin("/a");
-  task->setTaskDescription("a description");
-  ASSERT_TRUE(recorder_->waitUntil([&] { return task->countOfBytesReceived() == 200000; }));
-  const auto id = task->taskIdentifier();
-  task.reset();
-  reopen();
-  std::vector<std::shared_ptr<URLSessionDownloadTask>> again;
-  session_->getTasksWithCompletionHandler([&](const URLSession::Tasks& all) {
-    // Nothing moves before this returns.
-    again = all;
-    ASSERT_EQ(1u, again.size());
-    EXPECT_EQ(id, again[0]->taskIdentifier());
-    EXPECT_EQ("a description", again[0]->taskDescription());
-    EXPECT_EQ(URLSessionTaskState::Running, again[0]->state());
-    EXPECT_EQ(200000, again[0]->countOfBytesReceived());
-    EXPECT_EQ(400000, again[0]->countOfBytesExpectedToReceive());
-  });
-  ASSERT_EQ(1u, again.size());
-  ASSERT_TRUE(recorder_->waitFor(again[0], "done"));
-  EXPECT_EQ("", qntest::compareWithContent(recorder_->fileOf(*again[0]), "/a", 0, 400000));
-  EXPECT_EQ(0u, server_.bytesSentAgain("/a"));
-}
-
 // The first thread of each kind cannot be had; for the flusher's that is so for ever.
 TEST_F(SessionTest, GoesOnWithoutAThread) {
   for (const std::string name : {"qn-flush", "qn-transfer", "qn-delegate"}) {
@@ -183,18 +146,6 @@ TEST_F(SessionTest, OutlivesWhateverThrows) {
     PartialFiles::setHook(nullptr);
     if (HasFailure()) break;
   }
-}
-
-TEST_F(SessionTest, CancelledTaskEndsWithItsErrorAndLeavesNothing) {
-  server_.serve("/a", 400000);
-  server_.script("/a", {Fault::hold(200000)});
-  open();
-  const auto task = begin("/a");
-  ASSERT_TRUE(server_.waitForRequests("/a", 1));
-  task->cancel();
-  ASSERT_TRUE(recorder_->waitFor(task, "error -999"));
-  reopen();
-  EXPECT_TRUE(tasks().empty());
 }
 
 TEST_F(SessionTest, SharedSessionFetchesAndMapsErrors) {

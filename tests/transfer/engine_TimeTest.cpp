@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include "platform/Log.h"
-#include "platform/NetworkMonitor.h"
 #include "platform/transfer/PartialFiles.h"
 #include "platform/transfer/TransferEngine.h"
 #include "platform/transfer/TransferSession.h"
@@ -23,33 +22,6 @@ using qntest::Fault;
 using qntest::FaultServer;
 using qntest::Recorder;
 using Task = std::shared_ptr<URLSessionDownloadTask>;
-
-class ScriptedNetwork : public NetworkMonitor {
- public:
-  NetworkStatus status() const override {
-    std::lock_guard lock(mutex_);
-    return status_;
-  }
-  Watcher addWatcher(std::function<void()> changed) override {
-    std::lock_guard lock(mutex_);
-    changed_ = std::move(changed);
-    return 1;
-  }
-  void removeWatcher(Watcher) override {
-    std::lock_guard lock(mutex_);
-    changed_ = nullptr;
-  }
-  void set(NetworkStatus status) {
-    std::lock_guard lock(mutex_);
-    status_ = status;
-    if (changed_) changed_();
-  }
-
- private:
-  mutable std::mutex mutex_;
-  NetworkStatus status_;
-  std::function<void()> changed_;
-};
 
 // The engine under a clock that the test moves: no time-out, back-off or bound is waited for.
 class TimeTest : public testing::Test {
@@ -151,28 +123,6 @@ TEST_F(TimeTest, SuspendedTaskDoesNotGrowOlder) {
   pass(100'000);
   task->resume();
   EXPECT_GE(passUntil([&] { return ended(task); }), 55'000);
-}
-
-TEST_F(TimeTest, LastingStatusEndsAsItsResponseOrWithResumeData) {
-  server_.serve("/fresh", 1000);
-  server_.script("/fresh", {}, Fault::page(503));
-  server_.serve("/begun", 300000);
-  server_.script("/begun", {Fault::reset(200000)}, Fault::page(504));
-  open();
-  const auto begun = begin("/begun");
-  ASSERT_NE(-1, passUntil([&] { return ended(begun); }));
-  EXPECT_EQ(URLErrorNetworkConnectionLost, begun->error()->code());
-  EXPECT_TRUE(hasResumeData(begun));
-  const auto& info = begun->error()->userInfo();
-  ASSERT_TRUE(info.count(QNURLErrorHTTPStatusKey));
-  EXPECT_EQ(504, std::any_cast<int64_t>(info.at(QNURLErrorHTTPStatusKey)));
-
-  const auto fresh = begin("/fresh");
-  ASSERT_NE(-1, passUntil([&] { return ended(fresh); }));
-  ASSERT_TRUE(recorder_->waitFor(fresh, "done"));
-  const auto response = std::dynamic_pointer_cast<const HTTPURLResponse>(fresh->response());
-  EXPECT_EQ(503, response->statusCode());
-  EXPECT_EQ(recorder_->reports(fresh).front().written, recorder_->reports(fresh).front().total);
 }
 
 TEST_F(TimeTest, RetryAfterIsHonouredWithinTheBound) {
@@ -350,53 +300,6 @@ TEST_F(TimeTest, FullDiskIsAFailureAfterItsBound) {
   EXPECT_EQ(NSPOSIXErrorDomain, task->error()->domain());
   EXPECT_EQ(ENOSPC, task->error()->code());
   EXPECT_TRUE(hasResumeData(task));
-}
-
-TEST_F(TimeTest, ObeysTheNetwork) {
-  // Like the clock: a session may close a moment after the test.
-  static auto& network = *new ScriptedNetwork;
-  network.set({});
-  NetworkMonitor::setDefaultMonitor(&network);
-  server_.serve("/a", 300000);
-  server_.script("/a", {Fault::hold(100000)});
-  options_.allowsCellularAccess = false;
-  network.set({false, false});
-  open();
-  const auto task = begin("/a");
-  EXPECT_TRUE(waits(task, URLSessionTaskWait::Network));
-  clock().advance(600'000);
-  EXPECT_EQ(0u, server_.requestCount("/a"));
-  network.set({true, false});
-  ASSERT_TRUE(server_.waitForSent("/a", 100000));
-  network.set({true, true});
-  EXPECT_TRUE(waits(task, URLSessionTaskWait::Metered));
-  clock().advance(600'000);
-  network.set({true, false});
-  ASSERT_NE(-1, passUntil([&] { return ended(task); }));
-  expectWhole(task, 300000);
-  EXPECT_EQ(2u, server_.requestCount("/a"));
-  session_.reset();
-  NetworkMonitor::setDefaultMonitor(nullptr);
-}
-
-TEST_F(TimeTest, HoldsTheLimits) {
-  options_.connectionsPerHost = 2;
-  std::vector<Task> tasks;
-  qntest::FaultResource any;
-  any.size = 1000;
-  server_.servePrefix("/", any);
-  server_.setChooser([](const qntest::FaultRequest&) { return Fault::hold(500); });
-  open();
-  for (int i = 0; i < 5; ++i)
-    tasks.push_back(begin("/" + std::to_string(i)));
-  EXPECT_TRUE(waits(tasks[4], URLSessionTaskWait::Limit));
-  EXPECT_TRUE(waits(tasks[0], URLSessionTaskWait::None));
-  for (int i = 0; i < 5; ++i) {
-    ASSERT_TRUE(server_.waitForRequests("/" + std::to_string(i), 1));
-    server_.release("/" + std::to_string(i));
-    ASSERT_TRUE(recorder_->waitFor(tasks[static_cast<size_t>(i)], "done"));
-  }
-  EXPECT_EQ(2, server_.maximumConcurrent());
 }
 
 TEST_F(TimeTest, HoldsTheByteRate) {

@@ -463,10 +463,9 @@ TEST_F(StoreTest, ATransientErrorAtOpeningIsNoDamage) {
 }
 
 TEST_F(StoreTest, ASessionThatCannotBeReadNowStaysKnown) {
-  class Unreadable : public FileManager {
+  struct Unreadable : FileManager {
     DataPtr contentsAtPath(const std::string& path, int64_t, ErrorPtr* error) override {
-      if (error) *error = Error::errorWithErrno(EIO, "read", path);
-      return nullptr;
+      return *error = Error::errorWithErrno(EIO, "read", path), nullptr;
     }
   } unreadable;
   const service::SessionRegistry registry(directory_.path("services"));
