@@ -52,6 +52,9 @@ struct FileFlusher::State {
         serve(request);
       } catch (...) {
         logError("A flush was lost: " + describeCurrentException());
+        MutexLock lock(mutex);
+        busy = false;
+        if (!stop) done();  // who waits for it looks again
       }
     }
   }
@@ -60,6 +63,7 @@ struct FileFlusher::State {
     request.what.error = PartialFiles::flush(request.fd.get());
     request.fd.reset();
     MutexLock lock(mutex);
+    busy = false;  // before anybody is told
     if (stop) return;
     if (request.what.error != 0) {
       std::erase_if(requests, [&](const Request& r) { return r.what.file == request.what.file; });

@@ -22,7 +22,8 @@ class FileFlusher {
     int error = 0;       // or why nothing more of it is than was before
   };
 
-  // `done` is called on the thread of the flusher when takeFlushed() has something.
+  // `done` is called on the thread of the flusher when takeFlushed() has something, or a flush was
+  // lost.
   explicit FileFlusher(std::function<void()> done);
   // Does not wait for a flush that is under way.
   ~FileFlusher();

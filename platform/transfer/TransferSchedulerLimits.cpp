@@ -115,7 +115,7 @@ void TransferScheduler::takeFlushed() {
       if (Job* const job = find(flushed.task)) job->failedFlushes = 0;
     }
   }
-  if (all.empty()) return;
+  // A flush that was lost brings nothing.
   for (const TransferTaskId id : std::exchange(flushing_, {})) {
     Job* const job = find(id);
     if (job && job->state == State::Flushing) endWhole(*job);

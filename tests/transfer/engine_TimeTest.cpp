@@ -1,6 +1,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <functional>
+#include <future>
 
 #include <gtest/gtest.h>
 
@@ -234,6 +235,26 @@ TEST_F(TimeTest, FetchesAgainWhatAFailedFlushLeftUnsafe) {
   const auto hopeless = begin("/b");
   ASSERT_NE(-1, passUntil([&] { return ended(hopeless); }));
   EXPECT_EQ(EIO, hopeless->error()->code());
+  // The file is whole before its flush is through: that is waited for.
+  for (const int result : {0, EIO}) {
+    std::promise<int> flushed;
+    std::atomic<bool> first{true};
+    PartialFiles::setHook([&](const char* operation) {
+      const bool waits = std::string_view(operation) == "flush" && first.exchange(false);
+      return waits ? flushed.get_future().get() : 0;
+    });
+    const std::string path = "/" + std::to_string(result);
+    server_.serve(path, 1'000'000);
+    server_.script(path, {Fault::reset(500'000)});
+    const auto late = begin(path);
+    ASSERT_NE(-1, passUntil([&] { return late->countOfBytesReceived() == 1'000'000; }));
+    pass(1000);
+    EXPECT_FALSE(ended(late));
+    flushed.set_value(result);
+    ASSERT_NE(-1, passUntil([&] { return ended(late); }));
+    expectWhole(late, 1'000'000);
+    EXPECT_EQ(result ? 1'000'000u : 0u, server_.bytesSentAgain(path));
+  }
 }
 
 TEST_F(TimeTest, WaitsForRoomAndGoesOn) {
