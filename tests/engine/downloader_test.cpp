@@ -505,17 +505,13 @@ TEST_F(Downloader, WhatADelegateAsksForDuringARemovalComesAfterIt) {
       const auto playlist = qntest::makePlaylist(kMovie);
       EXPECT_FALSE(world.downloader->storeDownloadSetForURL(world.url, playlist, nullptr, &error));
       EXPECT_EQ(error ? error->localizedDescription() : "", "The download is being removed");
-      EXPECT_EQ(world.downloader->activateDownloadSetForURL(world.url), nullptr);
       fetched = fetch();
     };
     all ? world.downloader->removeAll() : (void)world.downloader->remove(old);
-    EXPECT_FALSE(std::filesystem::exists(world.directory()));
+    world.delegate->react = nullptr;
     ASSERT_TRUE(world.shared.answer(qntest::makeMPD(kMovie))) << "it has to be fetched anew";
     fetched->set->selectAllQualities();
     EXPECT_TRUE(world.downloader->download(fetched->set));
-    world.serveAll();
-    EXPECT_EQ(world.stored(), "a/1 a/2 v/1 v/2 v/3 ");
-    world.delegate->react = nullptr;
     world.downloader->removeAll();
   }
 }

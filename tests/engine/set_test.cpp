@@ -226,14 +226,11 @@ TEST_F(DownloadSet, TellsWhatHappensInOrder) {
       {"select v2 select a download lost v2.0 ok a.0 ok a.1 cancel download",
        "status running; yes; quality a none; status idle; status running; yes; ",
        "running selected v2:RR downloaded a completed 0 failed 0"},
-      // what failed before a cancel is tried again by the next start, and with a whole budget
+      // what failed before a cancel is tried again by the next start
       {"select v2 download 404 v2.0 cancel download ok v2.1 ok v2.0",
        "status running; yes; status idle; status running; yes; "
        "quality v2 none; status idle; complete none; ",
        "idle selected downloaded v2 completed 0 failed 0"},
-      {"select v2 download lost v2.0 lost v2.0 lost v2.0 lost v2.0 cancel download lost v2.0",
-       "status running; yes; status idle; status running; yes; ",
-       "running selected v2:RR downloaded completed 0 failed 0"},
       // removing
       {"select v2 download ok v2.0 ok v2.1 remove v2",
        "status running; yes; quality v2 none; "

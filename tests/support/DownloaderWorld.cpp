@@ -5,24 +5,6 @@
 #include "engine/QNDownloadRecord.h"
 
 namespace qntest {
-namespace {
-
-class RecipeApplication : public QNMovieDownloadSetDelegate {
- public:
-  explicit RecipeApplication(QNMovieDownloader& downloader) : downloader_(downloader) {}
-
-  void movieDownloadSetDidChangeStatus(const Set& set, QNDownloadStatus status) override {
-    if (status != QNDownloadStatusIdle) return;
-    set->selectAllQualities();  // those that are neither selected nor downloaded
-    downloader_.download(set);
-  }
-
- private:
-  QNMovieDownloader& downloader_;
-};
-
-}  // namespace
-
 DownloaderWorld::DownloaderWorld() {
   files.setFast();
 }
@@ -53,13 +35,16 @@ std::shared_ptr<QNMovieDownloadSet> DownloaderWorld::activate() {
 }
 
 std::shared_ptr<QNMovieDownloadSet> DownloaderWorld::followRecipe() {
-  const auto set = downloader->activateDownloadSetForURL(url);
+  const auto set = activate();
   if (!set) return nullptr;
-  const auto application = std::make_shared<RecipeApplication>(*downloader);
-  set->setDelegate(application);
+  delegate->react = [this](const auto& told, const std::string& line) {
+    if (line != "status idle") return;
+    told->selectAllQualities();  // what is neither selected nor downloaded
+    downloader->download(told);
+  };
   if (set->status() == QNDownloadStatusRunning) downloader->pause(set);
   if (set->status() == QNDownloadStatusPaused) downloader->resume(set);
-  application->movieDownloadSetDidChangeStatus(set, set->status());
+  if (set->status() == QNDownloadStatusIdle) delegate->react(set, "status idle");
   serveAll();
   set->_checkInvariants();
   return set;

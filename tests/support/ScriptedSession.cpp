@@ -31,11 +31,6 @@ bool endsWith(const std::string& text, const std::string& ending) {
 ScriptedStore::ScriptedStore(std::shared_ptr<KillSwitch> killSwitch)
     : killSwitch_(killSwitch ? std::move(killSwitch) : std::make_shared<KillSwitch>()) {}
 
-std::function<void()> ScriptedStore::takeBlock() {
-  std::lock_guard lock(mutex_);
-  return std::exchange(beforeAsked_, nullptr);
-}
-
 std::string ScriptedStore::describe() const {
   std::lock_guard lock(mutex_);
   std::string text;
@@ -165,7 +160,7 @@ ScriptedSession::Task ScriptedSession::downloadTaskWithResumeData(
 }
 
 void ScriptedSession::getTasksWithCompletionHandler(std::function<void(const Tasks&)> completion) {
-  if (const auto block = store_->takeBlock()) block();
+  if (store_->beforeTasksAreAsked) std::exchange(store_->beforeTasksAreAsked, nullptr)();
   {
     Lock lock(store_->mutex_);
     if (asked_) {

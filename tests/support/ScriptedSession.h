@@ -49,15 +49,14 @@ class ScriptedStore {
   size_t size() const;
   // A store that cannot be opened throws this reason, as long as there is one.
   void refuse(std::optional<std::string> reason) { refusal_ = std::move(reason); }
-  // Called once, when the session is asked for its tasks the first time, before it answers.
-  void beforeTasksAreAsked(std::function<void()> block) { beforeAsked_ = std::move(block); }
+  // Called once, when the session is asked for its tasks, before it answers.
+  std::function<void()> beforeTasksAreAsked;
   // From now on the sessions over this store run in another boot of the machine.
   void setBoot(std::string identifier) { boot_ = std::move(identifier); }
 
  private:
   friend class ScriptedSession;
   friend class ScriptedTask;
-  std::function<void()> takeBlock();
 
   mutable std::recursive_mutex mutex_;  // of the store and of the session that holds it
   std::map<uint64_t, ScriptedRecord> durable_;
@@ -68,7 +67,6 @@ class ScriptedStore {
   bool held_ = false;
   std::string boot_ = "boot 1";
   std::optional<std::string> refusal_;
-  std::function<void()> beforeAsked_;
   std::shared_ptr<KillSwitch> killSwitch_;
   TempDirectory directory_;
 };
