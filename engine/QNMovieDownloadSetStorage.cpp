@@ -409,8 +409,10 @@ void QNMovieDownloadSet::flushStoredFiles() {
   if (!error) return record_->mark(point);
   QNEngineLog(QNLogLevelError, "Error: Failed to bring stored files to the disk: %@",
               error->localizedDescription());
-  for (const Resource& resource : covered)
+  for (const Resource& resource : covered) {
+    if (removed_) return;  // by a delegate: what lies there may be another download's
     loseFile(resource, error);
+  }
   _checkInvariants();
 }
 
