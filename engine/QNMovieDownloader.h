@@ -50,9 +50,10 @@ class QN_EXPORT QNMovieDownloader final : public QNSessionController,
   using ConfigureSession = std::function<void(platform::URLSessionConfiguration&)>;
 
   // Opens the session (and throws what that throws), then finds the tasks of earlier launches and
-  // the sets they belong to. Without an identifier the session is a new one with each launch, and
-  // what it left unfinished is not found again. Default download path: "QNMovieDownloader" in the
-  // user's documents directory.
+  // the sets they belong to. Tasks of a download that another downloader holds end; a holder that
+  // is being killed is waited for, for at most a second. Without an identifier the session is a new
+  // one with each launch, and what it left unfinished is not found again. Default download path:
+  // "QNMovieDownloader" in the user's documents directory.
   static std::shared_ptr<QNMovieDownloader> initWithIdentifier(
       const std::optional<std::string>& identifier, bool cellularAccess, bool discretionaryMode,
       std::optional<std::string> downloadPath, const ConfigureSession& configure = {});
