@@ -175,7 +175,10 @@ void ScriptedSession::getTasksWithCompletionHandler(std::function<void(const Tas
     }
     asked_ = true;
   }
+  // No event comes before the answer has been taken in.
   completion(tasks());
+  Lock lock(store_->mutex_);
+  answered_ = true;
 }
 
 void ScriptedSession::getAllTasksWithCompletionHandler(
@@ -351,9 +354,9 @@ size_t ScriptedSession::pendingEvents() const {
   return events_.size();
 }
 
-bool ScriptedSession::wasAskedForTasks() const {
+bool ScriptedSession::hasToldItsTasks() const {
   Lock lock(store_->mutex_);
-  return asked_;
+  return answered_;
 }
 
 bool ScriptedSession::deliverEvent() {

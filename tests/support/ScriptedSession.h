@@ -99,7 +99,7 @@ class ScriptedSession : public platform::URLSession {
   bool deliverEvent();
   size_t deliverEvents();
   size_t pendingEvents() const;
-  bool wasAskedForTasks() const;
+  bool hasToldItsTasks() const;
   void tellEventsFinished();
 
   // Not completed yet, in the order of their identifiers.
@@ -153,6 +153,7 @@ class ScriptedSession : public platform::URLSession {
   std::optional<std::thread::id> deliverer_;
   std::set<uint64_t> changedInside_;  // by calls from inside the event that is being delivered
   bool asked_ = false;
+  bool answered_ = false;
   std::atomic<bool> endDue_ = false;  // of the held events, and nobody has asked for it yet
   size_t tasksMade_ = 0;
 };

@@ -82,7 +82,7 @@ void ScriptedHarness::playQueue() {
     for (bool more = true; more && !stop_;) {
       auto session = sessions_.session();
       delivering_ = true;
-      more = session && session->wasAskedForTasks() && session->deliverEvent();
+      more = session && session->hasToldItsTasks() && session->deliverEvent();
       delivering_ = false;
       const std::lock_guard lock(mutex_);
       session = nullptr;
