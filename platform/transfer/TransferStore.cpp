@@ -367,7 +367,8 @@ ErrorPtr TransferStore::changeError() const {
   }
   const int system = sqlite3_system_errno(database_);
   const bool isInput = (code & 0xFF) == SQLITE_IOERR || (code & 0xFF) == SQLITE_CANTOPEN;
-  if (isInput && system != 0 && system != kRefused) return Error::errorWithErrno(system, "write", path_);
+  if (isInput && system != 0 && system != kRefused)
+    return Error::errorWithErrno(system, "write", path_);
   Dictionary info;
   info[NSLocalizedDescriptionKey] = "write " + path_ + ": " + sqlite3_errmsg(database_);
   info[NSFilePathErrorKey] = path_;

@@ -31,8 +31,7 @@ class BackgroundTest : public ServiceProgramTest {
   }
   Ended follow() const { return run({"status", url(), "--follow"}); }
   void expectWhole() const {
-    EXPECT_EQ(filesBelow(program_.onlyDownload(), "QNMovieDownload"),
-              filesBelow(kSample));
+    EXPECT_EQ(filesBelow(program_.onlyDownload(), "QNMovieDownload"), filesBelow(kSample));
   }
   size_t records() const {
     size_t count = 0;
