@@ -38,6 +38,7 @@ class EventLog {
   pid_t application_ = 0;
   // Of all launches.
   std::set<uint64_t> identifiers_, taken_, completed_;
+  std::set<uint64_t> cancelled_;  // a kill came between making and describing them
   std::set<std::string> stored_;  // names of segments, as all names below
   std::set<std::string> safe_;    // made, and known to the service
   // Of this launch.
