@@ -298,12 +298,11 @@ platform::ErrorPtr QNDownloadRecord::append(std::string_view lines) {
   return write(lines);
 }
 
-platform::ErrorPtr QNDownloadRecord::add(std::string_view place, const QNStoredFile& file,
-                                         std::string_view address) {
+platform::ErrorPtr QNDownloadRecord::add(std::string_view place, const QNStoredFile& file) {
   const std::string_view validator =
       file.validator.size() > kLongestValidator ? std::string_view() : file.validator;
   return append(
-      QNRecordFile(place, static_cast<uint64_t>(file.length), file.hash, validator, address));
+      QNRecordFile(place, static_cast<uint64_t>(file.length), file.hash, validator, file.address));
 }
 
 void QNDownloadRecord::remove(const std::vector<std::string>& places) {

@@ -20,6 +20,7 @@ struct QNStoredFile {
   int64_t length = 0;
   std::optional<uint64_t> hash;  // platform::ContentHash of its bytes as they were received
   std::string validator;         // as the server sent it
+  std::string address;           // "<Range header or empty> <absolute URL>", as it was asked for
 };
 
 // What was stored in one download's directory, a line each (QNRecordLine.h), only ever appended.
@@ -69,8 +70,7 @@ class QNDownloadRecord {
   // Makes the record where there is none, durably, with what was stored before there were records.
   [[nodiscard]] platform::ErrorPtr make(const std::vector<Adopted>& files);
   // To be called before the file gets its name.
-  [[nodiscard]] platform::ErrorPtr add(std::string_view place, const QNStoredFile& file,
-                                       std::string_view address);
+  [[nodiscard]] platform::ErrorPtr add(std::string_view place, const QNStoredFile& file);
   // After the files were removed. A line that cannot be written is missing only until the next one.
   void remove(const std::vector<std::string>& places);
 

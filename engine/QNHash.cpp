@@ -1,9 +1,5 @@
 #include "engine/QNHash.h"
 
-#include <array>
-#include <cinttypes>
-#include <cstdio>
-
 #include "platform/ContentHash.h"
 
 uint64_t QNHash64(std::string_view text) {
@@ -11,7 +7,8 @@ uint64_t QNHash64(std::string_view text) {
 }
 
 std::string QNHexDigits(uint64_t value) {
-  std::array<char, 17> digits{};
-  std::snprintf(digits.data(), digits.size(), "%016" PRIx64, value);
-  return digits.data();
+  std::string digits(16, '0');
+  for (size_t i = digits.size(); value != 0; value >>= 4)
+    digits[--i] = "0123456789abcdef"[value & 15];
+  return digits;
 }

@@ -338,9 +338,8 @@ platform::ErrorPtr QNMovieDownloadSet::prepareToStore(const Resource& resource,
     untrusted_.erase(key);
   }
   if (auto error = makeRecord()) return error;
-  const std::string address = QNStoredPlaces::addressOf(*resource);
-  if (auto error = record_->add(key, file, address)) return error;
-  places_->didRecord(*place, address);
+  if (auto error = record_->add(key, file)) return error;
+  places_->didRecord(*place, file.address);
   return nullptr;
 }
 

@@ -57,6 +57,10 @@ QNStoredFile fileOf(const platform::URLSessionDownloadTask& task, const std::str
   file.length = task.countOfBytesReceived();
   file.hash = task.hashOfBytesReceived();
   if (!file.hash) file.hash = platform::ContentHash::ofFile(path);
+  if (const auto request = task.originalRequest()) {
+    file.address = request->valueForHTTPHeaderField("Range").value_or("") + " " +
+                   (request->url() ? request->url()->absoluteString() : "");
+  }
   const auto response = std::dynamic_pointer_cast<const platform::HTTPURLResponse>(task.response());
   if (!response) return file;
   for (const char* const name : {"ETag", "Last-Modified"}) {

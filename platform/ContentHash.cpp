@@ -6,7 +6,11 @@
 
 #include <fcntl.h>
 #include <unistd.h>
+#ifdef QN_HAVE_XXH_DISPATCH
+#include <xxh_x86dispatch.h>  // the same functions, for the widest registers that the processor has
+#else
 #include <xxhash.h>
+#endif
 
 #include "platform/FileDescriptor.h"
 

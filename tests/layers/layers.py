@@ -39,7 +39,7 @@ THIRD_PARTY = {
     r"curl/": r"platform/transfer/",
     r"sqlite3\.h$": r"platform/transfer/",
     r"zlib\.h$": r"platform/transfer/",
-    r"xxhash\.h$": r"platform/ContentHash\.cpp$",
+    r"(xxhash|xxh_x86dispatch)\.h$": r"platform/ContentHash\.cpp$",
     r"CLI/": r"cli/",
     r"microhttpd\.h$": r"cli/",
 }
