@@ -19,6 +19,7 @@
 #include <unistd.h>
 
 #include "platform/Exception.h"
+#include "platform/Mutex.h"
 #include "platform/PrivateDirectory.h"
 
 namespace platform {
@@ -26,14 +27,26 @@ namespace {
 
 constexpr int kNewFile = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW;
 
+// A test may put another hook in its place while transfers run.
+struct InstalledHook {
+  Mutex mutex;
+  std::shared_ptr<const PartialFiles::Hook> hook GUARDED_BY(mutex);
+};
+
 std::atomic<bool> hasHook{false};
-PartialFiles::Hook& hook() {
-  static auto* const instance = new PartialFiles::Hook;  // outlives every thread
+InstalledHook& installed() {
+  static auto* const instance = new InstalledHook;  // outlives every thread
   return *instance;
 }
 
 int fault(const char* operation) {
-  return hasHook.load(std::memory_order_acquire) ? hook()(operation) : 0;
+  if (!hasHook.load(std::memory_order_acquire)) return 0;
+  std::shared_ptr<const PartialFiles::Hook> hook;
+  {
+    MutexLock lock(installed().mutex);
+    hook = installed().hook;
+  }
+  return hook ? (*hook)(operation) : 0;
 }
 
 std::optional<PartialName> parseName(std::string_view text) {
@@ -192,9 +205,12 @@ int PartialFiles::flush(int fd) {
 }
 
 void PartialFiles::setHook(Hook next) {
-  hasHook.store(false);
-  hook() = std::move(next);
-  hasHook.store(static_cast<bool>(hook()), std::memory_order_release);
+  const bool isThere = static_cast<bool>(next);
+  {
+    MutexLock lock(installed().mutex);
+    installed().hook = isThere ? std::make_shared<const Hook>(std::move(next)) : nullptr;
+  }
+  hasHook.store(isThere, std::memory_order_release);
 }
 
 }  // namespace platform
