@@ -204,6 +204,7 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
   void pickUpStoredFiles() REQUIRES(mutex_);
   using Sizes = std::unordered_map<std::string, int64_t>;
   Sizes _sizesOfFiles(int64_t* total = nullptr) const REQUIRES(mutex_);
+  int64_t _storedSizeOf(const Resource& resource, const Sizes& sizes) REQUIRES(mutex_);
   size_t pickUpQuality(const QualityInfo& info, const Sizes& sizes) REQUIRES(mutex_);
   [[nodiscard]] platform::ErrorPtr makeRecord() REQUIRES(mutex_);
   void scheduleFlush() REQUIRES(mutex_);
@@ -274,7 +275,7 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
   [[nodiscard]] platform::ErrorPtr prepareToStore(const Resource& resource,
                                                   const QNStoredFile& file, bool& isThere);
   // The file is at its place.
-  void didStore(const Resource& resource);
+  void didStore(const Resource& resource, const std::string& path);
   // Whether the completion of this resource completes its quality, which is told and recorded only
   // of what is on the disk.
   bool isLastOfItsQuality(const Resource& resource) const;
@@ -291,6 +292,7 @@ class QN_EXPORT QNMovieDownloadSet final : public QNDownloadStats,
   const std::string downloadPath_;
   const std::string sourceURL_;
   const std::string baseURL_;
+  const std::string sourceOrigin_;  // of the source URL, empty when it is none
   const std::string downloadId_;
   const std::string holderName_;
   std::shared_ptr<QNMutableMovieDownloadProperties> properties_;

@@ -73,8 +73,7 @@ bool QNMovieDownloadSet::sendsHeadersTo(const platform::URL& url) const {
   RecursiveLock lock(mutex_);
   if (!headerOrigins_) return true;
   const std::string origin = url.origin();
-  const auto own = platform::URL::URLWithString(sourceURL_);
-  return (own && own->origin() == origin) ||
+  return origin == sourceOrigin_ ||
          std::find(headerOrigins_->begin(), headerOrigins_->end(), origin) != headerOrigins_->end();
 }
 

@@ -122,15 +122,11 @@ void QNMovieDownloadSet::_lookAgainAt(const QualityInfo& info, const Sizes& size
   const int64_t oldBytes = info->downloadedBytes();
   uncountCompleted(info);
   for (const Resource& resource : info->resources()) {
-    const auto place = places_->placeOf(*resource);
-    const std::string key = place ? places_->keyOf(*place) : std::string();
-    const auto file = sizes.find(key);
-    const bool isTrusted = file != sizes.end() && record_->trusts(key, file->second);
-    if (file != sizes.end() && !isTrusted) untrusted_.insert(key);
-    if (!isTrusted || !places_->isStoredFor(*resource, *place)) {
+    const int64_t size = _storedSizeOf(resource, sizes);
+    if (size == 0) {
       info->resourceForgetFile(resource);
     } else if (!resource->completed()) {
-      info->resourceCompleteWithBytesPreloaded(resource, file->second);
+      info->resourceCompleteWithBytesPreloaded(resource, size);
     }
   }
   if (wasSelected) {

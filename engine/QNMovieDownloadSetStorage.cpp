@@ -16,6 +16,7 @@
 #include "platform/DispatchQueue.h"
 #include "platform/Exception.h"
 #include "platform/FileManager.h"
+#include "platform/URL.h"
 #include "platform/host/QNLog.h"
 #include "playlist/QNMovie.h"
 #include "playlist/QNPlaylist.h"
@@ -43,6 +44,11 @@ std::string directoryOfURL(const std::string& url) {
       authority == std::string::npos ? base.find('/') : base.find('/', authority + 3);
   if (path != std::string::npos) return base.substr(0, base.rfind('/') + 1);
   return authority == std::string::npos ? "/" : base + "/";
+}
+
+std::string originOfURL(const std::string& text) {
+  const auto url = platform::URL::URLWithString(text);
+  return url ? url->origin() : std::string();
 }
 
 std::string swappedCase(std::string text) {
@@ -92,6 +98,7 @@ QNMovieDownloadSet::QNMovieDownloadSet(std::shared_ptr<QNPlaylist> playlist,
       downloadPath_(downloadPath),
       sourceURL_(sourceURL),
       baseURL_(directoryOfURL(sourceURL)),
+      sourceOrigin_(originOfURL(sourceURL)),
       downloadId_(downloadId),
       holderName_(QNUniqueString()) {}
 
@@ -178,23 +185,30 @@ QNMovieDownloadSet::Sizes QNMovieDownloadSet::_sizesOfFiles(int64_t* total) cons
   return sizes;
 }
 
+// The size of the file that counts for a resource, 0 when there is none. One that is there and does
+// not count is remembered.
+int64_t QNMovieDownloadSet::_storedSizeOf(const Resource& resource, const Sizes& sizes) {
+  const auto place = places_->placeOf(*resource);
+  if (!place) return 0;
+  const std::string key = places_->keyOf(*place);
+  const auto file = sizes.find(key);
+  if (file == sizes.end()) return 0;
+  if (!record_->trusts(key, file->second)) {
+    untrusted_.insert(key);
+    return 0;
+  }
+  return places_->isStoredFor(*resource, *place) ? file->second : 0;
+}
+
 size_t QNMovieDownloadSet::pickUpQuality(const QualityInfo& info, const Sizes& sizes) {
   size_t found = 0;
   bool hasOwn = false;
   for (const Resource& resource : info->resources()) {
-    const auto place = places_->placeOf(*resource);
-    if (!place) continue;
-    const std::string key = places_->keyOf(*place);
-    const auto file = sizes.find(key);
-    if (file == sizes.end()) continue;
-    if (!record_->trusts(key, file->second)) {
-      untrusted_.insert(key);
-      continue;
-    }
-    if (!places_->isStoredFor(*resource, *place)) continue;
-    info->resourceCompleteWithBytesPreloaded(resource, file->second);
+    const int64_t size = _storedSizeOf(resource, sizes);
+    if (size == 0) continue;
+    info->resourceCompleteWithBytesPreloaded(resource, size);
     ++found;
-    hasOwn = hasOwn || !places_->isShared(*place);
+    hasOwn = hasOwn || !places_->isShared(*places_->placeOf(*resource));
   }
   if (found == 0) return 0;
   if (found == info->resources().size()) {
@@ -324,8 +338,11 @@ platform::ErrorPtr QNMovieDownloadSet::errorForPlace(const QNResourceDownloadInf
 platform::ErrorPtr QNMovieDownloadSet::prepareToStore(const Resource& resource,
                                                       const QNStoredFile& file, bool& isThere) {
   RecursiveLock lock(mutex_);
-  if (auto error = places_->errorFor(*resource)) return error;
   const auto place = places_->placeOf(*resource);
+  // Any other file has a place of its own.
+  if (!place || places_->isContended(*place)) {
+    if (auto error = places_->errorFor(*resource)) return error;
+  }
   if (!place) return nullptr;
   const std::string key = places_->keyOf(*place);
   auto& files = FileManager::defaultManager();
@@ -362,11 +379,11 @@ platform::ErrorPtr QNMovieDownloadSet::makeRecord() {
 
 // What is on the disk
 
-void QNMovieDownloadSet::didStore(const Resource& resource) {
+void QNMovieDownloadSet::didStore(const Resource& resource, const std::string& path) {
   RecursiveLock lock(mutex_);
   // As a file that the application makes itself.
   if (!mediaMode_) mediaMode_ = 0666 & ~FileManager::umaskOfProcess();
-  (void)FileManager::defaultManager().setMode(resource->resourcePath(), *mediaMode_);
+  (void)FileManager::defaultManager().setMode(path, *mediaMode_);
   unflushed_.push_back(resource);
   scheduleFlush();
 }

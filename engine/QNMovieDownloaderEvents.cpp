@@ -218,7 +218,7 @@ platform::ErrorPtr QNMovieDownloader::moveIntoPlace(const Resource& resource,
     error = files.createDirectoryWithIntermediates(parentOf(target));
     if (!error) error = files.moveItem(location, target);
   }
-  if (!error) set->didStore(resource);
+  if (!error) set->didStore(resource, target);
   return error;
 }
 

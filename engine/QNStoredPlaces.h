@@ -37,7 +37,6 @@ class QNStoredPlaces {
   // For a directory in which names that differ in the case of their letters are one file: walks
   // every resource again.
   void foldCase(const std::vector<QualityInfo>& qualities);
-  bool foldsCase() const { return foldsCase_; }
   // What two places that are one file have in common; what the record calls a place.
   std::string keyOf(const std::string& place) const {
     return foldsCase_ ? QNFoldedCase(place) : place;

@@ -7,6 +7,7 @@
 
 #include <sys/random.h>
 
+#include "platform/BootIdentifier.h"
 #include "platform/Exception.h"
 #include "platform/Log.h"
 #include "platform/transfer/TransferClock.h"
@@ -118,7 +119,7 @@ TransferLedger::~TransferLedger() {
 // loss only what had been flushed is.
 void TransferLedger::_reconcileWithFile(TransferRecord& record, bool& drop) {
   auto& content = record.content;
-  const bool sameBoot = TransferStore::isCurrentBoot(record.bootId);
+  const bool sameBoot = isSameBoot(record.bootId, currentBootIdentifier());
   record.bootId.clear();
   if (!sameBoot) record.effort.retryAtBootMs = 0;
 

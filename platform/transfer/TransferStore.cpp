@@ -11,7 +11,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/BootIdentifier.h"
 #include "platform/Exception.h"
 #include "platform/Log.h"
 #include "platform/PrivateDirectory.h"
@@ -327,14 +326,6 @@ TransferTaskId TransferStore::reserveIdentifiers(uint64_t count) {
   TransferRowWriter writer(statements_[Reserve]);
   writer.bind(last + static_cast<int64_t>(count));
   return writer.step() ? static_cast<TransferTaskId>(last) + 1 : 0;
-}
-
-const std::string& TransferStore::currentBootId() {
-  return currentBootIdentifier();
-}
-
-bool TransferStore::isCurrentBoot(const std::string& id) {
-  return isSameBoot(id, currentBootId());
 }
 
 void TransferStore::run(const char* sql) {

@@ -115,11 +115,6 @@ class TransferStore {
   // stored.
   [[nodiscard]] TransferTaskId reserveIdentifiers(uint64_t count);
 
-  // Empty when the system does not tell.
-  static const std::string& currentBootId();
-  // What was stored in a boot that is not known may be of another one.
-  static bool isCurrentBoot(const std::string& id);
-
   static constexpr const char* kDatabaseName = "session.db";
   static constexpr int64_t kRefused = EINVAL;
 

@@ -4,6 +4,8 @@
 
 #include <sqlite3.h>
 
+#include "platform/BootIdentifier.h"
+
 namespace platform {
 namespace {
 
@@ -209,7 +211,7 @@ void bindFacts(TransferRowWriter& row, const TransferRecord& record) {
   row.bind(int64_t{static_cast<int>(effort.wait)});
   bindError(row, record.error);
   row.bind(record.resumeToken);
-  row.bind(record.bootId.empty() ? TransferStore::currentBootId() : record.bootId);
+  row.bind(record.bootId.empty() ? currentBootIdentifier() : record.bootId);
 }
 
 }  // namespace platform

@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "platform/BootIdentifier.h"
 #include "platform/Exception.h"
 #include "platform/FileLock.h"
 #include "platform/FileManager.h"
@@ -149,7 +150,7 @@ using Kind = TransferCall::Kind;
 TEST_F(StoreTest, GivesBackEveryFieldOfATask) {
   TransferRecord bare;
   bare.id = 2;
-  bare.bootId = TransferStore::currentBootId();  // what an empty one stands for
+  bare.bootId = platform::currentBootIdentifier();  // what an empty one stands for
   bare.request = std::make_shared<const URLRequest>(nullptr);
   const TransferRecord full = fullRecord(1);
   TransferRecord changed = full;
@@ -334,7 +335,7 @@ TEST_F(StoreTest, NeverGivesATaskIdentifierTwice) {
 }
 
 TEST_F(StoreTest, TrustsOnlyFlushedBytesAfterAnotherBoot) {
-  EXPECT_FALSE(TransferStore::isCurrentBoot(""));  // also where the system tells none
+  EXPECT_FALSE(platform::isSameBoot("", ""));  // also where the system tells none
   struct Row {
     const char* boot;
     int64_t synced;
